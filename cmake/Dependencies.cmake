@@ -1,0 +1,18 @@
+# The libraries that the system stands on. qLibc is taken where it is installed; otherwise
+# src/qlibc provides the few calls of it that are used, under the same names and signatures.
+find_package(PkgConfig REQUIRED)
+find_package(LibXml2 REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(Threads REQUIRED)
+pkg_check_modules(LIBZMQ REQUIRED IMPORTED_TARGET libzmq)
+pkg_check_modules(LIBMD REQUIRED IMPORTED_TARGET libmd)
+
+find_path(QLIBC_INCLUDE_DIR qlibc/qlibcext.h)
+find_library(QLIBC_LIBRARY qlibc)
+find_library(QLIBCEXT_LIBRARY qlibcext)
+if(QLIBC_INCLUDE_DIR AND QLIBC_LIBRARY AND QLIBCEXT_LIBRARY)
+  set(KELCONF_SYSTEM_QLIBC ON)
+else()
+  set(KELCONF_SYSTEM_QLIBC OFF)
+endif()
+message(STATUS "qLibc: ${KELCONF_SYSTEM_QLIBC} (ON: the installed library, OFF: src/qlibc)")

@@ -1,0 +1,7 @@
+# Every target of the project links kelconf_warnings; warnings are errors.
+add_library(kelconf_warnings INTERFACE)
+target_compile_options(kelconf_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wundef
+  -Wcast-align -Wcast-qual -Wnull-dereference -Wdouble-promotion -Wimplicit-fallthrough
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast>)

@@ -1,0 +1,29 @@
+// Every fixed path of the system, in one place. All are absolute; the programs take no
+// options that change them. A private device root (scripts/device) gives each test its own.
+// The addresses of the bus endpoints stand in bus/endpoints.h.
+#pragma once
+
+namespace kelconf::paths {
+
+// Parameter trees, read only.
+inline constexpr const char* kNeutralTree = "/etc/neutral_tree.xml";
+inline constexpr const char* kExtTree = "/etc/ext_tree.xml";
+inline constexpr const char* kNeutralTreeMd5 = "/mnt/nand/conf/neutral_tree.xml.md5";
+inline constexpr const char* kExtTreeMd5 = "/mnt/nand/conf/ext_tree.xml.md5";
+
+// Factory defaults.
+inline constexpr const char* kDefaultDb = "/mnt/nand/conf/default.db";
+inline constexpr const char* kDefaultDbMd5 = "/mnt/nand/conf/default.db.md5";
+inline constexpr const char* kDefaultDbJournal = "/mnt/nand/conf/default.db-journal";
+
+// Live values and their mirror.
+inline constexpr const char* kLiveDb = "/mnt/nand/conf/conf.db";
+inline constexpr const char* kLiveDbMd5 = "/mnt/nand/conf/conf.db.md5";
+inline constexpr const char* kLiveDbJournal = "/mnt/nand/conf/conf.db-journal";
+inline constexpr const char* kBackupDb = "/mnt/backup/conf/conf_backup.db";
+inline constexpr const char* kBackupDbMd5 = "/mnt/backup/conf/conf_backup.db.md5";
+
+// A value that contains this text names a file in that directory.
+inline constexpr const char* kFileStorage = "/mnt/nand/conf/fileStorage/";
+
+} // namespace kelconf::paths
