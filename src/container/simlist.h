@@ -132,10 +132,10 @@ std::int32_t simlist_sort(simlist* list, std::int32_t direction);
 
 // ---- Iteration: one at a time for a list ------------------------------------------------------
 
-std::int32_t simlist_iterator_start(simlist* list);   // 1; 0 when one is active already
-void* simlist_iterator_next(simlist* list);           // NULL when none is active
+std::int32_t simlist_iterator_start(simlist* list);         // 1; 0 when one is active already
+void* simlist_iterator_next(simlist* list);                 // NULL when none is active
 std::int32_t simlist_iterator_hasnext(const simlist* list); // 1 or 0
-std::int32_t simlist_iterator_stop(simlist* list);    // 1; 0 when none is active
+std::int32_t simlist_iterator_stop(simlist* list);          // 1; 0 when none is active
 
 // ---- Internal to the container ---------------------------------------------------------------
 

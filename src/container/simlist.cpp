@@ -1,0 +1,407 @@
+#include "container/simlist.h"
+
+#include "container/position_index.h"
+#include "container/simlist_store.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace kelconf {
+
+namespace {
+
+// Positions are compared as signed 32-bit values, so no element may lie beyond them.
+constexpr std::uint32_t kMostElements = std::numeric_limits<std::int32_t>::max();
+
+simlist_element* newRecord() {
+    return new (std::nothrow) simlist_element{};
+}
+
+simlist_element* takeRecord(simlist* list) {
+    return list->spare_count > 0 ? list->spares[--list->spare_count] : newRecord();
+}
+
+void releaseRecord(simlist* list, simlist_element* record) {
+    if (list->spare_count < kSimlistSpares) {
+        *record = {};
+        list->spares[list->spare_count++] = record;
+    } else {
+        delete record;
+    }
+}
+
+void releaseData(const simlist* list, const simlist_element* record) {
+    if (list->copy_data != 0) {
+        std::free(record->data);
+    }
+}
+
+void join(simlist_element* before, simlist_element* after) {
+    before->next = after;
+    after->prev = before;
+}
+
+void placeMiddle(simlist* list) {
+    list->middle =
+        list->count == 0 ? nullptr : positionIndexAt(*list->index, (list->count - 1) / 2);
+}
+
+bool isFree(const simlist* list) {
+    return list->iterator_active == 0;
+}
+
+// Unlinks the record at `position` and returns its data.
+void* takeOut(simlist* list, std::uint32_t position) {
+    simlist_element* record = positionIndexAt(*list->index, position);
+    positionIndexRemove(*list->index, position);
+    --list->count;
+    join(record->prev, record->next);
+    placeMiddle(list);
+    void* data = record->data;
+    releaseRecord(list, record);
+    return data;
+}
+
+// Frees the records from `first` up to, but not including, `end`, with what they own.
+void releaseChain(simlist* list, simlist_element* first, const simlist_element* end) {
+    while (first != end) {
+        simlist_element* next = first->next;
+        releaseData(list, first);
+        releaseRecord(list, first);
+        first = next;
+    }
+}
+
+void empty(simlist* list) {
+    releaseChain(list, list->head->next, list->tail);
+    join(list->head, list->tail);
+    positionIndexClear(*list->index);
+    list->count = 0;
+    list->middle = nullptr;
+}
+
+bool appendAll(simlist* list, const simlist* source) {
+    for (const simlist_element* e = source->head->next; e != source->tail; e = e->next) {
+        if (simlist_append(list, e->data) != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Walks with the comparator; `sign` is the sign of its result that makes the second element the
+// better one.
+void* best(const simlist* list, std::int32_t sign) {
+    if (list->comparator == nullptr || list->count == 0) {
+        return nullptr;
+    }
+    void* found = list->head->next->data;
+    for (const simlist_element* e = list->head->next->next; e != list->tail; e = e->next) {
+        const std::int32_t order = list->comparator(found, e->data);
+        if (sign > 0 ? order > 0 : order < 0) {
+            found = e->data;
+        }
+    }
+    return found;
+}
+
+bool isEqual(const simlist* list, const void* data, const void* element) {
+    return list->comparator != nullptr ? list->comparator(data, element) == 0 : data == element;
+}
+
+} // namespace
+
+std::int32_t simlist_init(simlist* list) {
+    if (list == nullptr) {
+        return -1;
+    }
+    *list = {};
+    std::unique_ptr<simlist_element> head{newRecord()};
+    std::unique_ptr<simlist_element> tail{newRecord()};
+    std::unique_ptr<simlist_element* []> spares {
+        new (std::nothrow) simlist_element* [kSimlistSpares] {}
+    };
+    std::unique_ptr<PositionIndex> index{new (std::nothrow) PositionIndex};
+    if (!head || !tail || !spares || !index) {
+        return -1;
+    }
+    join(head.get(), tail.get());
+    list->head = head.release();
+    list->tail = tail.release();
+    list->spares = spares.release();
+    list->index = index.release();
+    return 0;
+}
+
+void simlist_destroy(simlist* list) {
+    if (list == nullptr || list->head == nullptr) {
+        return;
+    }
+    empty(list); // also under an iteration: whatever stayed would be lost
+    for (std::uint32_t i = 0; i < list->spare_count; ++i) {
+        delete list->spares[i];
+    }
+    delete[] list->spares;
+    delete list->head;
+    delete list->tail;
+    delete list->index;
+    *list = {};
+}
+
+std::int32_t simlist_clear(simlist* list) {
+    if (!isFree(list)) {
+        return -1;
+    }
+    empty(list);
+    return 0;
+}
+
+std::int32_t simlist_attributes_comparator(simlist* list, simlist_comparator comparator) {
+    if (list == nullptr) {
+        return -1;
+    }
+    list->comparator = comparator;
+    return 0;
+}
+
+std::int32_t simlist_attributes_seeker(simlist* list, simlist_seeker seeker) {
+    if (list == nullptr) {
+        return -1;
+    }
+    list->seeker = seeker;
+    return 0;
+}
+
+std::int32_t simlist_attributes_copy(simlist* list, simlist_meter meter, std::int32_t copy_flag) {
+    if (list == nullptr || (copy_flag != 0 && meter == nullptr)) {
+        return -1;
+    }
+    list->meter = meter;
+    list->copy_data = copy_flag;
+    return 0;
+}
+
+std::int32_t simlist_attributes_hash_computer(simlist* list, simlist_hash_computer computer) {
+    if (list == nullptr) {
+        return -1;
+    }
+    list->hash_computer = computer;
+    return 0;
+}
+
+std::int32_t simlist_attributes_serializer(simlist* list, simlist_serializer serializer) {
+    if (list == nullptr) {
+        return -1;
+    }
+    list->serializer = serializer;
+    return 0;
+}
+
+std::int32_t simlist_attributes_unserializer(simlist* list, simlist_unserializer unserializer) {
+    if (list == nullptr) {
+        return -1;
+    }
+    list->unserializer = unserializer;
+    return 0;
+}
+
+std::uint32_t simlist_size(const simlist* list) {
+    return list->count;
+}
+
+std::int32_t simlist_empty(const simlist* list) {
+    return list->count == 0 ? 1 : 0;
+}
+
+simlist_element* simlist_record_at(const simlist* list, std::int64_t position) {
+    if (position < -1 || position > std::int64_t{list->count}) {
+        return nullptr;
+    }
+    if (position == -1) {
+        return list->head;
+    }
+    return position == std::int64_t{list->count}
+               ? list->tail
+               : positionIndexAt(*list->index, static_cast<std::uint32_t>(position));
+}
+
+void* simlist_get_at(const simlist* list, std::uint32_t position) {
+    // As signed values, the positions from 2^31 on lie before the list: one comparison serves.
+    return position < list->count ? positionIndexAt(*list->index, position)->data : nullptr;
+}
+
+std::int32_t simlistStoreAt(simlist* list, void* data, std::uint32_t position) {
+    if (!isFree(list) || position > list->count || list->count >= kMostElements) {
+        return -1;
+    }
+    simlist_element* record = takeRecord(list);
+    if (record == nullptr) {
+        return -1;
+    }
+    simlist_element* before = simlist_record_at(list, std::int64_t{position} - 1);
+    if (!positionIndexInsert(*list->index, position, record)) {
+        releaseRecord(list, record);
+        return -1;
+    }
+    record->data = data;
+    join(record, before->next);
+    join(before, record);
+    ++list->count;
+    placeMiddle(list);
+    return 1;
+}
+
+std::int32_t simlist_insert_at(simlist* list, const void* data, std::uint32_t position) {
+    // The list hands the caller's pointer out again as it came, hence not const.
+    if (list->copy_data == 0 || data == nullptr) {
+        return simlistStoreAt(list, const_cast<void*>(data), position);
+    }
+    if (!isFree(list) || position > list->count) {
+        return -1;
+    }
+    const std::size_t size = list->meter(data);
+    OwnedData copy{std::malloc(std::max<std::size_t>(size, 1))};
+    if (!copy) {
+        return -1;
+    }
+    std::memcpy(copy.get(), data, size);
+    const std::int32_t result = simlistStoreAt(list, copy.get(), position);
+    if (result == 1) {
+        static_cast<void>(copy.release());
+    }
+    return result;
+}
+
+std::int32_t simlist_append(simlist* list, const void* data) {
+    return simlist_insert_at(list, data, list->count);
+}
+
+std::int32_t simlist_prepend(simlist* list, const void* data) {
+    return simlist_insert_at(list, data, 0);
+}
+
+std::int32_t simlist_delete_at(simlist* list, std::uint32_t position) {
+    if (!isFree(list) || position >= list->count) {
+        return -1;
+    }
+    void* data = takeOut(list, position);
+    if (list->copy_data != 0) {
+        std::free(data);
+    }
+    return 0;
+}
+
+std::int32_t simlist_delete_range(simlist* list, std::uint32_t start, std::uint32_t end) {
+    if (!isFree(list) || end < start || end >= list->count) {
+        return -1;
+    }
+    simlist_element* first = positionIndexAt(*list->index, start);
+    simlist_element* last = positionIndexAt(*list->index, end);
+    simlist_element* after = last->next;
+    join(first->prev, after);
+    positionIndexRemoveRange(*list->index, start, end - start + 1);
+    list->count -= end - start + 1;
+    releaseChain(list, first, after);
+    placeMiddle(list);
+    return 0;
+}
+
+void* simlist_extract_at(simlist* list, std::uint32_t position) {
+    return isFree(list) && position < list->count ? takeOut(list, position) : nullptr;
+}
+
+void* simlist_fetch(simlist* list) {
+    return simlist_extract_at(list, 0);
+}
+
+void* simlist_get_max(const simlist* list) {
+    return best(list, 1);
+}
+
+void* simlist_get_min(const simlist* list) {
+    return best(list, -1);
+}
+
+std::int32_t simlist_locate(const simlist* list, const void* data) {
+    std::int32_t position = 0;
+    for (const simlist_element* e = list->head->next; e != list->tail; e = e->next) {
+        if (isEqual(list, data, e->data)) {
+            return position;
+        }
+        ++position;
+    }
+    return -1;
+}
+
+std::int32_t simlist_delete(simlist* list, const void* data) {
+    const std::int32_t position = simlist_locate(list, data);
+    return position < 0 ? -1 : simlist_delete_at(list, static_cast<std::uint32_t>(position));
+}
+
+void* simlist_seek(const simlist* list, const void* indicator) {
+    if (list->seeker == nullptr) {
+        return nullptr;
+    }
+    for (const simlist_element* e = list->head->next; e != list->tail; e = e->next) {
+        if (list->seeker(e->data, indicator) != 0) {
+            return e->data;
+        }
+    }
+    return nullptr;
+}
+
+std::int32_t simlist_contains(const simlist* list, const void* data) {
+    return simlist_locate(list, data) >= 0 ? 1 : 0;
+}
+
+std::int32_t simlist_concat(const simlist* first, const simlist* second, simlist* destination) {
+    if (first == nullptr || second == nullptr || destination == nullptr || destination == first ||
+        destination == second || simlist_init(destination) != 0) {
+        return -1;
+    }
+    if (!appendAll(destination, first) || !appendAll(destination, second)) {
+        simlist_destroy(destination);
+        return -1;
+    }
+    return 0;
+}
+
+std::int32_t simlist_iterator_start(simlist* list) {
+    if (!isFree(list)) {
+        return 0;
+    }
+    list->iterator_active = 1;
+    list->iterator_position = 0;
+    list->iterator_cursor = list->head->next;
+    return 1;
+}
+
+void* simlist_iterator_next(simlist* list) {
+    // At the tail the iteration has ended: there is no record to go to.
+    if (isFree(list) || list->iterator_cursor == list->tail) {
+        return nullptr;
+    }
+    void* data = list->iterator_cursor->data;
+    list->iterator_cursor = list->iterator_cursor->next;
+    ++list->iterator_position;
+    return data;
+}
+
+std::int32_t simlist_iterator_hasnext(const simlist* list) {
+    return !isFree(list) && list->iterator_position < list->count ? 1 : 0;
+}
+
+std::int32_t simlist_iterator_stop(simlist* list) {
+    if (isFree(list)) {
+        return 0;
+    }
+    list->iterator_active = 0;
+    list->iterator_position = 0;
+    return 1;
+}
+
+} // namespace kelconf
