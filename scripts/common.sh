@@ -1,0 +1,54 @@
+# shellcheck shell=bash
+# What scripts/run, scripts/test and .ci/run share; sourced by them, from any directory.
+
+project=$(cd "${BASH_SOURCE[0]%/*}/.." && pwd -P)
+
+# step TEXT: announces a step of the work.
+step() {
+    printf '\n== %s\n' "$1"
+}
+
+# fail TEXT: the one closing line of a script that did not get through.
+fail() {
+    printf '%s: %s\n' "${0##*/}" "$1" >&2
+    exit 1
+}
+
+# install_packages SET...: installs what is missing of these sets of scripts/packages.
+install_packages() {
+    local set name names missing=()
+    step "packages: $*"
+    for set in "$@"; do
+        read -ra names < <(sed -n "s/^$set  *//p" "$project/scripts/packages")
+        for name in "${names[@]}"; do
+            [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" = installed ] ||
+                missing+=("$name")
+        done
+    done
+    if [ ${#missing[@]} -eq 0 ]; then
+        echo "all are installed"
+        return
+    fi
+    echo "installing ${missing[*]}"
+    as_root apt-get update -q
+    as_root apt-get install -y -q --no-install-recommends "${missing[@]}"
+}
+
+# as_root COMMAND...: runs it as root, with sudo where that is needed.
+as_root() {
+    if [ "$EUID" -eq 0 ]; then
+        env DEBIAN_FRONTEND=noninteractive "$@"
+    elif type -P sudo >/dev/null; then
+        sudo env DEBIAN_FRONTEND=noninteractive "$@"
+    else
+        fail "neither root nor sudo; as root, run: $*"
+    fi
+}
+
+# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET.
+build() {
+    local preset=$1
+    shift
+    step "build: $preset"
+    (cd "$project" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset")
+}
