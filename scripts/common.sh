@@ -30,8 +30,9 @@ install_packages() {
         return
     fi
     echo "installing ${missing[*]}"
-    as_root apt-get update -q
-    as_root apt-get install -y -q --no-install-recommends "${missing[@]}"
+    { as_root apt-get update -q &&
+        as_root apt-get install -y -q --no-install-recommends "${missing[@]}"; } ||
+        fail "the packages could not be installed; the reason stands above"
 }
 
 # as_root COMMAND...: runs it as root, with sudo where that is needed.
@@ -50,5 +51,6 @@ build() {
     local preset=$1
     shift
     step "build: $preset"
-    (cd "$project" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset")
+    (cd "$project" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset") ||
+        fail "the build of $preset failed; the reason stands above"
 }
