@@ -1,0 +1,109 @@
+// kelconf-init: makes sure that the factory-default database is present, matches its sidecar
+// and can be read, and builds it afresh from the parameter trees when not. One run to
+// completion on one thread; arguments and environment are ignored; exit status 0 in every case.
+
+#include "db/default_db.h"
+#include "files/md5_sidecar.h"
+#include "files/storage_fault.h"
+#include "log/keldebug.h"
+#include "paths.h"
+#include "tree/conf_builders.h"
+#include "tree/xitem.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <exception>
+
+namespace kelconf {
+namespace {
+
+// What SQLite may leave beside the database: a rollback journal, a write-ahead log and its index.
+constexpr std::array kLeftOvers = {"/mnt/nand/conf/default.db-journal",
+                                   "/mnt/nand/conf/default.db-wal",
+                                   "/mnt/nand/conf/default.db-shm"};
+
+// A finished build leaves nothing beside its file. What lies there would be rolled into the
+// database by its next reader, after its digest was found right.
+bool hasLeftOvers() {
+    struct stat info {};
+    for (const char* path : kLeftOvers) {
+        if (lstat(path, &info) == 0) {
+            keldebug(kLogError, kToBoth, "unfinished journal beside the default database\n");
+            return true;
+        }
+    }
+    return false;
+}
+
+bool databaseIsSound() {
+    return checkDefaultFile() && checkDefaultConfigDBMD5() && !hasLeftOvers() &&
+           checkDefaultDataBaseIntegrity(paths::kDefaultDb) != 0;
+}
+
+void removeFile(const char* path) {
+    if (unlink(path) != 0 && errno != ENOENT) {
+        noteStorageFault();
+    }
+}
+
+// The left-overs go first: alone, without their database, they could be rolled into the new one.
+void removeDatabase() {
+    for (const char* path : kLeftOvers) {
+        removeFile(path);
+    }
+    removeFile(paths::kDefaultDb);
+}
+
+// An old sidecar could match by chance what a failed build has left: two builds of the same
+// rows are the same to the byte. Where it cannot be removed, an empty one matches nothing.
+void removeSeal() {
+    if (unlink(paths::kDefaultDbMd5) != 0 && errno != ENOENT) {
+        [[maybe_unused]] const int result = truncate(paths::kDefaultDbMd5, 0);
+    }
+}
+
+void fillFromTrees() {
+    initXitemList();
+    createDefaultConf();
+    keldebug(kLogInfo, kToBoth, "Done creating default DB\n");
+    if (extTreeFileExist()) {
+        initXitemList();
+        createDefaultExtConf();
+    }
+}
+
+void rebuild() {
+    keldebug(kLogInfo, kToBoth, "Creating default database\n");
+    removeDatabase();
+    createDefaultSQLTable();
+    fillFromTrees();
+    if (storageFaultNoted()) {
+        removeSeal();
+    }
+    shrinkDB(paths::kDefaultDb);
+    if (storageFaultNoted()) {
+        removeSeal();
+        keldebug(kLogError, kToBoth, "default database incomplete, not sealed\n");
+        return;
+    }
+    createFileMD5(paths::kDefaultDb, paths::kDefaultDbMd5);
+}
+
+} // namespace
+} // namespace kelconf
+
+int main() {
+    try {
+        if (!kelconf::databaseIsSound()) {
+            kelconf::rebuild();
+        }
+    } catch (const std::exception& failure) {
+        // Only memory that cannot be had comes here: the database stays unsealed.
+        kelconf::keldebug(kelconf::kLogError, kelconf::kToBoth, "build given up: %s\n",
+                          failure.what());
+    }
+    return 0;
+}

@@ -1,0 +1,112 @@
+#include "db/default_db.h"
+
+#include "db/sqlite_handle.h"
+#include "files/storage_fault.h"
+#include "log/keldebug.h"
+#include "paths.h"
+#include "tree/xitem.h"
+
+#include <string_view>
+
+namespace kelconf {
+
+namespace {
+
+constexpr const char* kCreateTable =
+    "CREATE TABLE CONFIGDEFAULT( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT               ,TYPE TEXT     "
+    "          ,RANGE TEXT           ,STEP TEXT           ,HTTP_ACCESS TEXT           ,OPTIONS "
+    "TEXT          )";
+
+constexpr std::string_view kInsert =
+    "INSERT INTO CONFIGDEFAULT (NAME,VALUE,TYPE,RANGE,STEP,HTTP_ACCESS,OPTIONS) "
+    "VALUES (?,?,?,?,?,?,?); ";
+
+// One row, in the statement's column order: HTTP_ACCESS stands before OPTIONS.
+bool insertItem(sqlite3_stmt* insert, const xitem& item) {
+    int column = 0;
+    for (const char* text : {item.name, item.value, item.type, item.range, item.step,
+                             item.http_access, item.options}) {
+        bindText(insert, ++column, text);
+    }
+    return runOnce(insert);
+}
+
+void insertItems(sqlite3* database) {
+    Statement insert;
+    for (std::int32_t i = 0; i < CheckXitemListLength(); ++i) {
+        if (!insert) {
+            insert = prepare(database, kInsert);
+        }
+        if (insert && insertItem(insert.get(), *xitemAt(static_cast<std::uint32_t>(i)))) {
+            continue;
+        }
+        keldebug(kLogError, kToBoth, "SQL error: %s\n", sqlite3_errmsg(database));
+        if (!failedByConstraint(database)) {
+            noteStorageFault();
+        }
+    }
+}
+
+} // namespace
+
+void createDefaultSQLTable() {
+    const OpenedDatabase database = openDatabase(paths::kDefaultDb);
+    if (execute(database.handle.get(), kCreateTable)) {
+        keldebug(kLogInfo, kToBoth, "Table created successfully\n");
+    } else {
+        noteStorageFault();
+    }
+}
+
+std::int32_t insertDefaultSQLEntry() {
+    const OpenedDatabase database = openDatabase(paths::kDefaultDb);
+    sqlite3* handle = database.handle.get();
+    if (!database.opened) {
+        keldebug(kLogInfo, kToBoth, "Can't open database: %s\n", database.message());
+        noteStorageFault();
+        return 0;
+    }
+    if (!execute(handle, "PRAGMA synchronous = NORMAL")) {
+        keldebug(kLogError, kToBoth, "PRAGMA NORMAL error:%s\n", sqlite3_errmsg(handle));
+        noteStorageFault();
+    }
+    if (!execute(handle, "BEGIN TRANSACTION")) {
+        keldebug(kLogError, kToBoth, "begin trans error\n");
+        noteStorageFault();
+    }
+    insertItems(handle);
+    if (!execute(handle, "END TRANSACTION")) {
+        keldebug(kLogError, kToBoth, "end trans error\n");
+        noteStorageFault();
+    }
+    return 1;
+}
+
+std::int32_t checkDefaultDataBaseIntegrity(const char* path) {
+    keldebug(kLogInfo, kToBoth, "checking %s integrity\n", path);
+    const OpenedDatabase database = openDatabase(path);
+    if (!database.opened) {
+        keldebug(kLogInfo, kToBoth, "Can't open database: %s\n", database.message());
+        return 0;
+    }
+    if (!execute(database.handle.get(), "SELECT * from CONFIGDEFAULT")) {
+        keldebug(kLogInfo, kToBoth, "SQL error: %s\n", database.message());
+        return 0;
+    }
+    return 1;
+}
+
+void shrinkDB(const char* path) {
+    const OpenedDatabase database = openDatabase(path);
+    if (!database.opened) {
+        keldebug(kLogError, kToBoth, "database open error\n");
+        noteStorageFault();
+        return;
+    }
+    if (!execute(database.handle.get(), "VACUUM")) {
+        keldebug(kLogError, kToBoth, "execute vacuum error\n");
+        noteStorageFault();
+    }
+}
+
+} // namespace kelconf

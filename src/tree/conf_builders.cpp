@@ -1,0 +1,139 @@
+#include "tree/conf_builders.h"
+
+#include "db/default_db.h"
+#include "db/sqlite_handle.h"
+#include "files/storage_fault.h"
+#include "log/keldebug.h"
+#include "paths.h"
+#include "tree/tree_file.h"
+#include "tree/tree_walker.h"
+#include "tree/xitem.h"
+
+#include <malloc.h>
+#include <strings.h>
+
+#include <cstdlib>
+#include <string_view>
+
+namespace kelconf {
+
+namespace {
+
+constexpr std::string_view kLeftOutPrefix = "ipcam.";
+constexpr std::string_view kInsert = "INSERT INTO CONFIG (NAME,VALUE,TYPE) VALUES (?,?,?); ";
+
+void reportWalk(const TreeWalkResult& walk) {
+    if (walk.refused > 0) {
+        keldebug(kLogError, kToBoth,
+                 "tree over the expansion limit: %u elements left out or not repeated, first %s in "
+                 "line %ld\n",
+                 walk.refused, walk.refused_name.c_str(), walk.refused_line);
+    }
+    if (walk.out_of_memory) {
+        keldebug(kLogError, kToBoth, "out of memory, parameters are missing\n");
+        noteStorageFault();
+    }
+}
+
+// False, with nothing done but the log line, when the tree cannot be parsed.
+bool buildFrom(const char* tree, void (*write)()) {
+    XmlDoc document = readTreeFile(tree);
+    if (!document) {
+        keldebug(kLogError, kToBoth, "error: could not parse file ");
+        return false;
+    }
+    reportWalk(parseXmlTree(xmlDocGetRootElement(document.get())));
+    write();
+    document.reset();
+    delXitemList();
+    return true;
+}
+
+void writeDefaults() {
+    insertDefaultSQLEntry();
+}
+
+bool belongsToLiveTable(const xitem& item) {
+    return strncasecmp(item.name, kLeftOutPrefix.data(), kLeftOutPrefix.size()) != 0;
+}
+
+bool insertItem(sqlite3* database, Statement& insert, const xitem& item) {
+    if (!insert) {
+        insert = prepare(database, kInsert);
+        if (!insert) {
+            return false;
+        }
+    }
+    bindText(insert.get(), 1, item.name);
+    bindText(insert.get(), 2, item.value);
+    bindText(insert.get(), 3, item.type);
+    return runOnce(insert.get());
+}
+
+void insertItems(sqlite3* database, std::int32_t count) {
+    Statement insert;
+    for (std::int32_t i = 0; i < count; ++i) {
+        const xitem& item = *xitemAt(static_cast<std::uint32_t>(i));
+        if (belongsToLiveTable(item) && !insertItem(database, insert, item) &&
+            !failedByConstraint(database)) {
+            noteStorageFault();
+        }
+    }
+}
+
+} // namespace
+
+int createDefaultConf() {
+    if (!buildFrom(paths::kNeutralTree, writeDefaults)) {
+        std::exit(EXIT_SUCCESS);
+    }
+    return malloc_trim(0);
+}
+
+void createDefaultExtConf() {
+    if (buildFrom(paths::kExtTree, writeDefaults)) {
+        malloc_trim(0);
+    }
+}
+
+void createConf() {
+    if (!buildFrom(paths::kNeutralTree, addXItemInDatabase)) {
+        std::exit(EXIT_SUCCESS);
+    }
+    malloc_trim(0);
+    shrinkDB(paths::kLiveDb);
+}
+
+void createExtConf() {
+    if (buildFrom(paths::kExtTree, addXItemInDatabase)) {
+        malloc_trim(0);
+        shrinkDB(paths::kLiveDb);
+    }
+}
+
+void addXItemInDatabase() {
+    const std::int32_t count = CheckXitemListLength();
+    const OpenedDatabase database = openDatabase(paths::kLiveDb);
+    sqlite3* handle = database.handle.get();
+    if (!database.opened) {
+        keldebug(kLogInfo, kToBoth, "Can't open database: %s\n", database.message());
+        noteStorageFault();
+        return;
+    }
+    if (!execute(handle, "PRAGMA synchronous = NORMAL")) {
+        keldebug(kLogInfo, kToBoth, "PRAGMA OFF error\n");
+        noteStorageFault();
+    }
+    if (!execute(handle, "BEGIN TRANSACTION")) {
+        keldebug(kLogInfo, kToBoth, "begin trans error\n");
+        noteStorageFault();
+    }
+    insertItems(handle, count);
+    if (!execute(handle, "END TRANSACTION")) {
+        keldebug(kLogInfo, kToBoth, "end trans error\n");
+        noteStorageFault();
+    }
+    keldebug(kLogInfo, kToBoth, "insert finishes\n");
+}
+
+} // namespace kelconf

@@ -1,0 +1,85 @@
+#include "tree/tree_file.h"
+
+#include "files/fd.h"
+#include "files/storage_fault.h"
+
+#include <fcntl.h>
+#include <libxml/parser.h>
+#include <libxml/xmlIO.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace kelconf {
+
+namespace {
+
+// The one file that libxml2 may open in this thread, and what came of it.
+struct Reading {
+    const char* path = nullptr; // null once opened: whatever is asked for next is refused
+    Fd fd;
+    int error = 0;
+};
+
+thread_local Reading reading;
+
+int matchTree(const char* /*name*/) {
+    return 1; // every name ends here, so that no other handler of libxml2 opens a file
+}
+
+void* openTree(const char* /*name*/) {
+    if (reading.path == nullptr) {
+        return nullptr;
+    }
+    reading.fd = Fd{open(reading.path, O_RDONLY | O_CLOEXEC)};
+    reading.path = nullptr;
+    if (!reading.fd) {
+        reading.error = errno;
+        return nullptr;
+    }
+    return &reading;
+}
+
+int readTree(void* context, char* buffer, int length) {
+    auto& state = *static_cast<Reading*>(context);
+    ssize_t got = 0;
+    do {
+        got = read(state.fd.get(), buffer, static_cast<std::size_t>(length));
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) {
+        state.error = errno;
+    }
+    return static_cast<int>(got);
+}
+
+int closeTree(void* context) {
+    static_cast<Reading*>(context)->fd.close();
+    return 0;
+}
+
+// Registered once for the process. The newest handler is asked first, and ours takes all.
+void takeOverInput() {
+    static const int registered =
+        (xmlInitParser(), xmlRegisterInputCallbacks(matchTree, openTree, readTree, closeTree));
+    static_cast<void>(registered);
+}
+
+bool isStorageFault(int error) {
+    return error != 0 && error != ENOENT && error != ENOTDIR && error != EISDIR;
+}
+
+} // namespace
+
+XmlDoc readTreeFile(const char* path) {
+    takeOverInput();
+    reading = Reading{path, Fd{}, 0};
+    XmlDoc document{xmlReadFile(path, nullptr, 0)};
+    const int error = reading.error;
+    reading = Reading{};
+    if (isStorageFault(error)) {
+        noteStorageFault();
+    }
+    return error == 0 ? std::move(document) : nullptr;
+}
+
+} // namespace kelconf
