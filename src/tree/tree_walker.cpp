@@ -70,8 +70,9 @@ class Walk {
     TreeWalkResult result;
 
     void walkTrunks(const xmlNode* root) {
+        std::string type;
         for (const xmlNode* node = root->children; node != nullptr; node = node->next) {
-            if (typeOf(node) == "trunk") {
+            if (readType(node, type) && type == "trunk") {
                 walkRun(std::string(segmentOf(node)), node->children);
             }
         }
@@ -80,9 +81,9 @@ class Walk {
     // A run outside any instance goes from the document straight into the list.
     void walkRun(std::string path, const xmlNode* first) {
         const std::size_t parent = path.size();
+        std::string type;
         for (const xmlNode* node = first; node != nullptr; node = node->next) {
-            const std::string type = typeOf(node);
-            if (type.empty() && !hasAttribute(node, "type")) {
+            if (!readType(node, type)) {
                 continue;
             }
             path.append(1, '.').append(segmentOf(node));
@@ -116,12 +117,17 @@ class Walk {
   private:
     std::uint64_t allowance = kExpansionLimit;
 
-    std::string typeOf(const xmlNode* node) {
-        std::string type;
-        if (!appendAttributeText(node, "type", allowance, type)) {
-            refuse(node->line, segmentOf(node));
+    // False for whatever is no element with a "type": it is skipped with its subtree.
+    bool readType(const xmlNode* node, std::string& type) {
+        type.clear();
+        if (!hasAttribute(node, "type")) {
+            return false;
         }
-        return type;
+        if (!appendAttributeText(node, "type", allowance, type)) {
+            refuse(xmlGetLineNo(node), segmentOf(node));
+            return false;
+        }
+        return true;
     }
 
     void refuse(long line, std::string_view name) {
@@ -190,9 +196,9 @@ class Walk {
 
     void readRun(const xmlNode* first, std::string& path, std::vector<TreeElement>& into) {
         const std::size_t parent = path.size();
+        std::string type;
         for (const xmlNode* node = first; node != nullptr; node = node->next) {
-            const std::string type = typeOf(node);
-            if (type.empty() && !hasAttribute(node, "type")) {
+            if (!readType(node, type)) {
                 continue;
             }
             path.append(1, '.').append(segmentOf(node));
