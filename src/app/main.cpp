@@ -10,6 +10,8 @@
 #include "tree/conf_builders.h"
 #include "tree/xitem.h"
 
+#include <malloc.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +38,16 @@ bool hasLeftOvers() {
         }
     }
     return false;
+}
+
+// Settings for one thread and one short life; together worth about a seventh of a build.
+void settleLibraries() {
+    // SQLite needs no locks here, and nobody asks how much memory it has in use.
+    sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    // The document and the items are freed all at once. Texts that went to malloc's fast bins
+    // would be swept up anew for each node that is freed between them.
+    mallopt(M_MXFAST, 0);
 }
 
 bool databaseIsSound() {
@@ -96,6 +108,7 @@ void rebuild() {
 } // namespace kelconf
 
 int main() {
+    kelconf::settleLibraries();
     try {
         if (!kelconf::databaseIsSound()) {
             kelconf::rebuild();

@@ -6,6 +6,9 @@
 #include "paths.h"
 #include "tree/xitem.h"
 
+#include <sys/stat.h>
+
+#include <cstring>
 #include <string_view>
 
 namespace kelconf {
@@ -20,6 +23,21 @@ constexpr const char* kCreateTable =
 constexpr std::string_view kInsert =
     "INSERT INTO CONFIGDEFAULT (NAME,VALUE,TYPE,RANGE,STEP,HTTP_ACCESS,OPTIONS) "
     "VALUES (?,?,?,?,?,?,?); ";
+
+// Largest default database, in bytes, whose rollback journal is kept in memory.
+constexpr off_t kMaxMemoryJournal = 64 << 20;
+
+// The default database is built anew when its build is cut short, so its journal serves
+// failures of single statements only, never a power loss. In memory it costs no flush (on file
+// two or three a transaction, and one more each time the page cache overflows) and leaves
+// nothing beside the database. A file too large for that keeps its journal on flash; so it does
+// when the setting fails.
+void keepJournalInMemory(sqlite3* database, const char* path) {
+    struct stat info {};
+    if (stat(path, &info) == 0 && info.st_size <= kMaxMemoryJournal) {
+        execute(database, "PRAGMA journal_mode = MEMORY");
+    }
+}
 
 // One row, in the statement's column order: HTTP_ACCESS stands before OPTIONS.
 bool insertItem(sqlite3_stmt* insert, const xitem& item) {
@@ -51,6 +69,9 @@ void insertItems(sqlite3* database) {
 
 void createDefaultSQLTable() {
     const OpenedDatabase database = openDatabase(paths::kDefaultDb);
+    // Nothing to flush yet: the rows' transaction flushes the same file.
+    execute(database.handle.get(), "PRAGMA synchronous = OFF");
+    keepJournalInMemory(database.handle.get(), paths::kDefaultDb);
     if (execute(database.handle.get(), kCreateTable)) {
         keldebug(kLogInfo, kToBoth, "Table created successfully\n");
     } else {
@@ -70,6 +91,7 @@ std::int32_t insertDefaultSQLEntry() {
         keldebug(kLogError, kToBoth, "PRAGMA NORMAL error:%s\n", sqlite3_errmsg(handle));
         noteStorageFault();
     }
+    keepJournalInMemory(handle, paths::kDefaultDb);
     if (!execute(handle, "BEGIN TRANSACTION")) {
         keldebug(kLogError, kToBoth, "begin trans error\n");
         noteStorageFault();
@@ -102,6 +124,10 @@ void shrinkDB(const char* path) {
         keldebug(kLogError, kToBoth, "database open error\n");
         noteStorageFault();
         return;
+    }
+    if (std::strcmp(path, paths::kDefaultDb) == 0) {
+        execute(database.handle.get(), "PRAGMA synchronous = NORMAL");
+        keepJournalInMemory(database.handle.get(), path);
     }
     if (!execute(database.handle.get(), "VACUUM")) {
         keldebug(kLogError, kToBoth, "execute vacuum error\n");
