@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 # What scripts/run, scripts/test and .ci/run share; sourced by them, from any directory.
 
+unset CDPATH
 project=$(cd "${BASH_SOURCE[0]%/*}/.." && pwd -P)
 
 # step TEXT: announces a step of the work.

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -109,7 +109,8 @@ SyslogRecord parsed(std::string_view line) {
     if (!line.starts_with('<') || colon == std::string_view::npos) {
         throw std::runtime_error("not a syslog record: " + std::string(line));
     }
-    const int number = std::atoi(std::string(line.substr(1, bracket - 1)).c_str());
+    int number = 0;
+    std::from_chars(line.data() + 1, line.data() + bracket, number);
     return {number & LOG_FACMASK, LOG_PRI(number), unescaped(line.substr(ident, colon - ident)),
             unescaped(line.substr(colon + 2))};
 }
