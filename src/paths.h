@@ -19,6 +19,8 @@ inline constexpr const char* kDefaultDbJournal = "/mnt/nand/conf/default.db-jour
 // Live values and their mirror.
 inline constexpr const char* kLiveDb = "/mnt/nand/conf/conf.db";
 inline constexpr const char* kLiveDbMd5 = "/mnt/nand/conf/conf.db.md5";
+// The change counter of the live database when it was last sealed (files/live_seal.h).
+inline constexpr const char* kLiveDbSeal = "/mnt/nand/conf/conf.db.seal";
 inline constexpr const char* kLiveDbJournal = "/mnt/nand/conf/conf.db-journal";
 inline constexpr const char* kBackupDb = "/mnt/backup/conf/conf_backup.db";
 inline constexpr const char* kBackupDbMd5 = "/mnt/backup/conf/conf_backup.db.md5";

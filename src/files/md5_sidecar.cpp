@@ -62,19 +62,19 @@ bool checkTreePair(const char* file, const char* sidecar, const char* message) {
 
 } // namespace
 
-void createFileMD5(const char* file, const char* sidecar) {
+bool createFileMD5(const char* file, const char* sidecar) {
     Digest digest{};
     if (!digestOf(file, digest)) {
         keldebug(kLogError, kToBoth, "create hash failed \n");
-        return;
+        return false;
     }
     const Fd out{open(sidecar, O_RDWR | O_CREAT | O_CLOEXEC, kSidecarMode)};
     if (!out) {
-        return;
+        return false;
     }
     // A short or failed write leaves a sidecar that matches nothing: the safe side.
-    [[maybe_unused]] const ssize_t written = pwrite(out.get(), digest.data(), digest.size(), 0);
-    fdatasync(out.get());
+    const ssize_t written = pwrite(out.get(), digest.data(), digest.size(), 0);
+    return fdatasync(out.get()) == 0 && written == static_cast<ssize_t>(digest.size());
 }
 
 bool checkFileMD5(const char* file, const char* sidecar) {

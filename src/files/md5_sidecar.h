@@ -13,8 +13,8 @@ namespace kelconf {
 
 // Writes the digest of `file` to the first 16 bytes of `sidecar` and flushes it; a new sidecar
 // gets mode 0644. When the file cannot be read this is logged and the sidecar is not touched;
-// when the sidecar cannot be opened it stays as it is, silently.
-void createFileMD5(const char* file, const char* sidecar);
+// when the sidecar cannot be opened it stays as it is, silently. True when the digest is on disk.
+bool createFileMD5(const char* file, const char* sidecar);
 
 // True when both files exist, the digest could be computed and equals the sidecar's. Logs nothing.
 bool checkFileMD5(const char* file, const char* sidecar);

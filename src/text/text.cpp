@@ -25,6 +25,10 @@ char* newText(std::string_view text) noexcept {
     return copy;
 }
 
+char* resizeText(char* text, std::size_t length) noexcept {
+    return static_cast<char*>(std::realloc(text, length + 1));
+}
+
 void freeText(char* text) noexcept {
     std::free(text);
 }

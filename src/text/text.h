@@ -22,6 +22,10 @@ namespace kelconf {
 // Null when memory is short.
 [[nodiscard]] char* newTextBuffer(std::size_t length) noexcept;
 
+// Gives a text buffer room for `length` bytes and a terminator; what it held stays, what is
+// added is not set. Null, with the old buffer untouched, when memory is short.
+[[nodiscard]] char* resizeText(char* text, std::size_t length) noexcept;
+
 // Releases a text of newText, newTextBuffer or malloc; a null pointer is ignored.
 void freeText(char* text) noexcept;
 

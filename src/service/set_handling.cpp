@@ -1,0 +1,116 @@
+#include "service/set_handling.h"
+
+#include "bus/event_publisher.h"
+#include "bus/service_locks.h"
+#include "files/stored_file.h"
+#include "service/item_queue.h"
+#include "service/param_list.h"
+#include "service/request_lists.h"
+#include "service/write_back.h"
+#include "text/text.h"
+
+#include <utility>
+
+namespace kelconf {
+
+namespace {
+
+enum class Storing { kQueued, kNone };
+
+struct Outcome {
+    bool all_known;
+    bool ordinary_changed;
+};
+
+bool isUnchanged(const ParamElement& param, const char* value) {
+    return param.persistent == 1 && viewOf(param.value) == viewOf(value) &&
+           !namesStoredFile(param.value);
+}
+
+// The queue owns the texts of a record it takes.
+void queueChange(const ParamElement& param, const char* value) {
+    OwnedText name{newText(param.name)};
+    OwnedText new_value{newText(viewOf(value))};
+    OwnedText prev_value{newText(viewOf(param.value))};
+    const QueueItem item{name.get(), new_value.get(), prev_value.get()};
+    if (name && new_value && prev_value && item_queue_enqueue(&item)) {
+        static_cast<void>(name.release());
+        static_cast<void>(new_value.release());
+        static_cast<void>(prev_value.release());
+    }
+}
+
+// Gives the parameter its new value and returns the one before. The parameter lock is held.
+OwnedText exchangeValue(ParamElement& param, const char* value) {
+    if (namesStoredFile(param.value) && !namesStoredFile(value)) {
+        deleteStoredFile(param.value);
+    }
+    char* copy = newText(viewOf(value));
+    if (copy == nullptr) { // memory is short: the value stays
+        return OwnedText{newText(viewOf(param.value))};
+    }
+    return OwnedText{std::exchange(param.value, copy)};
+}
+
+// True when the change was one of an ordinary parameter.
+bool applyChange(ParamElement& param, const char* value, Storing storing) {
+    const bool ordinary = param.persistent == 1;
+    OwnedText prev_value;
+    {
+        const CriticalSection lock;
+        if (ordinary && storing == Storing::kQueued) {
+            queueChange(param, value);
+        }
+        prev_value = exchangeValue(param, value);
+    }
+    if (!ordinary || storing == Storing::kNone) {
+        sendEvent(param.name, value, prev_value.get());
+    }
+    return ordinary;
+}
+
+Outcome applyAnswers(Storing storing) {
+    Outcome outcome{true, false};
+    for (std::int32_t i = 0; i < CheckSetAnswerListLength(); ++i) {
+        const AnswerElement* element = setAnswerAt(static_cast<std::uint32_t>(i));
+        if (element == nullptr) {
+            break;
+        }
+        if (element->name == nullptr) {
+            continue;
+        }
+        ParamElement* param = seekParamElement(element->name);
+        if (param == nullptr) {
+            outcome.all_known = false;
+        } else if (!isUnchanged(*param, element->value)) {
+            outcome.ordinary_changed |= applyChange(*param, element->value, storing);
+        }
+    }
+    return outcome;
+}
+
+std::uint8_t resultOf(const Outcome& outcome) {
+    return outcome.all_known ? 1 : 0;
+}
+
+} // namespace
+
+std::uint8_t setValueForSetAnswerList() {
+    const Outcome outcome = applyAnswers(Storing::kQueued);
+    if (outcome.ordinary_changed) {
+        raiseFileEvent();
+    }
+    return resultOf(outcome);
+}
+
+std::uint8_t setDirectValueForSetAnswerList() {
+    const Outcome outcome = applyAnswers(Storing::kQueued);
+    saveFileDirect();
+    return resultOf(outcome);
+}
+
+std::uint8_t setValueForSetAnswerListNoDBStore() {
+    return resultOf(applyAnswers(Storing::kNone));
+}
+
+} // namespace kelconf
