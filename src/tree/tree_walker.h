@@ -11,8 +11,10 @@
 // Limit. A few lines of XML can ask for any number of items (a large "number", a long entity
 // used often, long names above many leaves). What a tree does not spell out itself may take at
 // most kExpansionLimit bytes of memory. A multiple-instance element whose repetition would go
-// over it yields its counter item only; a leaf whose text or name would go over it is left out;
-// the rest of the tree is walked as ever. The result tells so.
+// over it yields its counter item only; a leaf whose text or name would go over it is left out.
+// The rest of the tree is walked on, but once an entity went over the limit, nothing more that
+// is not spelled out is granted: else each use of it would cost the time of the whole limit.
+// The result tells so.
 #pragma once
 
 #include <libxml/tree.h>
