@@ -55,8 +55,4 @@ char* sxmlGetProp(const xmlNode* element, const char* name);
 // The text content of an element and of everything inside it, or an empty text.
 char* sxmlNodeGetContent(const xmlNode* element);
 
-// A "number" as a count: leading white space and a sign are allowed, the text is read up to
-// the first character that is no digit; without digits 0. Values beyond 32 bits saturate.
-std::int32_t parseInstanceCount(std::string_view text);
-
 } // namespace kelconf

@@ -2,6 +2,7 @@
 
 #include "items.h"
 #include "text/text.h"
+#include "tree/tree_template.h"
 
 #include <gtest/gtest.h>
 
