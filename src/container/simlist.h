@@ -125,6 +125,10 @@ std::int32_t simlist_contains(const simlist* list, const void* data); // 1 or 0
 // Initialises `destination` with the elements of `first`, then of `second`, sharing their data.
 std::int32_t simlist_concat(const simlist* first, const simlist* second, simlist* destination);
 
+// Stores a hash of the elements in their order; equal lists have equal hashes. -1 without a hash
+// computer.
+std::int32_t simlist_hash(const simlist* list, std::uint32_t* hash);
+
 // Sorts so that no element goes after its successor: a goes after b when
 // comparator(a, b) * (-direction) > 0. Not stable. O(n log n) comparisons and O(log n) stack
 // whatever the input; only data pointers move, the records stay linked as they are.
