@@ -286,8 +286,12 @@ std::int32_t querySQLTable(const char* name) {
 }
 
 void loadSQLDB() {
+    loadDatabaseFile(paths::kLiveDb);
+}
+
+void loadDatabaseFile(const char* path) {
     {
-        const OpenedDatabase database = openLogged(paths::kLiveDb);
+        const OpenedDatabase database = openLogged(path);
         if (!database.opened) {
             return;
         }

@@ -46,6 +46,8 @@ std::int32_t querySQLTable(const char* name);
 
 // Appends every row to ParamList (initialised before) and sorts it.
 void loadSQLDB();
+// The same from the database at `path`: the backup, while the live one cannot be read.
+void loadDatabaseFile(const char* path);
 
 // 1 when the database at `path` opens and a full scan of CONFIG completes.
 std::int32_t checkDataBaseIntegrity(const char* path);

@@ -93,7 +93,9 @@ void settlePasswords() {
     }
     restorPlainPassword();
     encryptAllPasswordInDB();
-    support_campass = currentMark().scrambled ? 1 : 0;
+    const PasswordMark now = currentMark();
+    const bool scrambled = now.present ? now.scrambled : checkPasswordEncryption() == 1;
+    support_campass = scrambled ? 1 : 0;
 }
 
 } // namespace kelconf

@@ -8,12 +8,15 @@
 #include "files/live_seal.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"
+#include "service/param_list.h"
 #include "service/passwords.h"
 #include "text/text.h"
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <set>
 #include <string>
 
 namespace kelconf {
@@ -40,16 +43,51 @@ std::string withDoubledQuotes(std::string_view value) {
     return text;
 }
 
-void storeValue(const char* name, const char* value) {
+// Names whose last storing failed. Guarded by the parameter lock; the flag says without it
+// whether there are any.
+std::set<std::string>& failedNames() {
+    static std::set<std::string> names;
+    return names;
+}
+std::atomic<bool> any_failed{false};
+
+// Hands the value to `update` in the form of the stored text.
+std::int32_t updateStored(std::int32_t (*update)(const char*, const char*), const char* name,
+                          const char* value) {
     if (strlens(value) == 0) {
-        robustUpdateSQLEntry(name, "");
-    } else if (support_campass != 0 && isPasswordName(name)) {
-        robustUpdateSQLEntry(name, scrambledForm(value).c_str());
-    } else if (std::strchr(value, '\'') != nullptr) {
-        robustUpdateSQLEntry(name, withDoubledQuotes(value).c_str());
-    } else {
-        robustUpdateSQLEntry(name, value);
+        return update(name, "");
     }
+    if (support_campass != 0 && isPasswordName(name)) {
+        return update(name, scrambledForm(value).c_str());
+    }
+    if (std::strchr(value, '\'') != nullptr) {
+        return update(name, withDoubledQuotes(value).c_str());
+    }
+    return update(name, value);
+}
+
+void storeValue(const char* name, const char* value) {
+    if (updateStored(robustUpdateSQLEntry, name, value) == 1) {
+        if (any_failed) {
+            failedNames().erase(name);
+        }
+        return;
+    }
+    failedNames().insert(name);
+    any_failed = true;
+}
+
+// True when none is left.
+bool retryFailedNames() {
+    std::set<std::string>& names = failedNames();
+    while (!names.empty()) {
+        const ParamElement* param = seekParamElement(names.begin()->c_str());
+        if (param != nullptr && updateStored(updateSQLEntry, param->name, param->value) != 1) {
+            return false;
+        }
+        names.erase(names.begin());
+    }
+    return true;
 }
 
 std::int64_t sizeOf(const QueueItem& item) {
@@ -119,6 +157,21 @@ void writeParamToFile() {
     simlist_destroy(&batch);
     backup_pending = 1;
     sync();
+    pthread_mutex_unlock(&backup_mutex);
+}
+
+void storeFailedChanges() {
+    if (!any_failed) {
+        return;
+    }
+    const CriticalSection lock;
+    pthread_mutex_lock(&backup_mutex);
+    if (retryFailedNames()) {
+        any_failed = false;
+        sealLiveDatabase();
+        backup_pending = 1;
+        keldebug(kLogInfo, kToBoth, "live database: changes that had failed are stored\n");
+    }
     pthread_mutex_unlock(&backup_mutex);
 }
 

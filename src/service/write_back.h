@@ -22,6 +22,11 @@ void saveFileDirect();
 // pass, also one that stored nothing.
 void writeParamToFile();
 
+// Tries once more to store the live values of parameters whose storing failed in a pass; takes
+// the parameter lock and backup_mutex. Seals the database when all of them are stored. Does
+// nothing, at no cost, when none has failed.
+void storeFailedChanges();
+
 // 1 when a change of that parameter may show its value in the log: no "passwd" in the name.
 std::int32_t checkParamLoggable(const char* name);
 

@@ -33,7 +33,7 @@ TEST_F(Lists, LookupFindsExactlyTheNamesThatAreThere) {
     EXPECT_EQ(seekParamElement("a"), nullptr);
     std::vector<std::string> names;
     for (int i = 0; i < 70; ++i) {
-        names.push_back("p." + std::to_string(i * 7 % 70) + (i % 3 == 0 ? ".x" : ""));
+        names.push_back("p." + std::to_string(i * 11 % 70) + (i % 3 == 0 ? ".x" : ""));
         addLive(names.back(), "v" + std::to_string(i));
         sortParamList();
         for (std::size_t k = 0; k < names.size(); ++k) {
