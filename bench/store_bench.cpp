@@ -50,7 +50,7 @@ XmlDoc documentOf(bool instances) {
 
 void parseTree(benchmark::State& state) {
     writeTree(false);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(readTreeFile(kTree));
     }
     state.SetItemsProcessed(state.iterations() * kParameters);
@@ -61,7 +61,7 @@ BENCHMARK(parseTree)->Unit(benchmark::kMillisecond);
 void walkTree(benchmark::State& state) {
     const XmlDoc document = documentOf(state.range(0) != 0);
     std::int64_t items = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         initXitemList();
         parseXmlTree(xmlDocGetRootElement(document.get()));
         items += CheckXitemListLength();
@@ -75,7 +75,7 @@ void insertRows(benchmark::State& state) {
     const XmlDoc document = documentOf(false);
     initXitemList();
     parseXmlTree(xmlDocGetRootElement(document.get()));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         unlink(paths::kDefaultDb);
         createDefaultSQLTable();
@@ -91,7 +91,7 @@ BENCHMARK(insertRows)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Into the root's own sinks; the argument is the destination.
 void logRecord(benchmark::State& state) {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         keldebug(kLogInfo, static_cast<std::uint8_t>(state.range(0)), "checking %s integrity\n",
                  paths::kDefaultDb);
     }
@@ -109,7 +109,7 @@ void checkDigest(benchmark::State& state) {
     const auto bytes = static_cast<std::size_t>(state.range(0)) << 20;
     std::ofstream(kGuarded) << std::string(bytes, 'x');
     createFileMD5(kGuarded, kSidecar);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (!checkFileMD5(kGuarded, kSidecar)) {
             state.SkipWithError("the sidecar does not match");
         }
