@@ -1,136 +1,103 @@
-// kelconfd: serves the live configuration on the bus (docs/service.md). Takes no arguments. Exit
-// status: 0 after SIGTERM or SIGINT, 1 when it cannot serve; a neutral tree that cannot be parsed,
-// and a publisher or broker that cannot be bound, end it with 0.
+// kelconfd: serves the live parameters on the bus (docs/service.md). Runs in the foreground until
+// SIGTERM or SIGINT; arguments are ignored. Exit status: 0 after an orderly stop, and in the three
+// cases that the modules end themselves (a neutral tree that does not parse, a failed bind of the
+// publisher or a broker); 1 when it must not or cannot run.
 
-#include "bus/bus_context.h"
-#include "bus/event_publisher.h"
-#include "daemon/bus_directory.h"
-#include "daemon/live_database.h"
+#include "bus/endpoints.h"
+#include "daemon/live_store.h"
 #include "daemon/notify.h"
-#include "daemon/threads.h"
-#include "db/live_db.h"
-#include "files/backup.h"
-#include "files/bus_group.h"
-#include "files/live_seal.h"
+#include "daemon/runtime_dir.h"
+#include "daemon/service.h"
 #include "log/keldebug.h"
-#include "paths.h"
-#include "service/item_queue.h"
-#include "service/param_list.h"
-#include "service/password_state.h"
-#include "service/request_lists.h"
 
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
 
-using namespace kelconf; // NOLINT(google-build-using-namespace): the program of the library
-
+namespace kelconf {
 namespace {
 
-constexpr rlim_t kDescriptors = 65536; // connections of the bus take one each
-constexpr mode_t kUserOnlyMask = 0077;
-constexpr mode_t kUserAndGroupMask = 0007;
-
-void step(const char* what) {
-    keldebug(kLogInfo, kToBoth, "kelconfd: %s\n", what);
+// Blocked in every thread: the main thread takes them when it waits.
+sigset_t stopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    return set;
 }
 
-// libzmq aborts the process when it runs out of descriptors.
-void raiseDescriptorLimit() {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit wanted{kDescriptors, std::max(limit.rlim_max, kDescriptors)};
-    if (limit.rlim_cur >= kDescriptors || setrlimit(RLIMIT_NOFILE, &wanted) == 0) {
-        return;
-    }
-    limit.rlim_cur = limit.rlim_max; // no privilege to go further
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-sigset_t blockEndSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+void holdSignals() {
+    const sigset_t set = stopSignals();
+    sigprocmask(SIG_BLOCK, &set, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
-    return signals;
 }
 
-void loadLiveValues() {
-    pthread_mutex_lock(&backup_mutex);
-    step("readying the live database");
-    const LiveDatabase state = readyLiveDatabase();
-    if (state != LiveDatabase::kUnusable) {
-        markPasswordState(state == LiveDatabase::kMade);
-        step("adding new names of the parameter trees");
-        addNewNames();
-        sealLiveDatabase();
-    }
-    step("loading the live parameters");
-    initParamList();
-    loadSQLDB();
-    if (state == LiveDatabase::kUnusable && CheckParamListLength() == 0) {
-        step("loading from the backup, since the live database cannot be read");
-        loadDatabaseFile(paths::kBackupDb);
-    }
-    step("settling the stored passwords");
-    settlePasswords();
-    if (querySQLTable("") == 1) {
-        sealLiveDatabase();
-    }
-    backup_pending = 1;
-    pthread_mutex_unlock(&backup_mutex);
-    sync();
+// The signal that came within that time, or 0.
+int awaitSignal(int seconds) {
+    const sigset_t set = stopSignals();
+    const timespec time{seconds, 0};
+    const int signal_number = sigtimedwait(&set, nullptr, &time);
+    return signal_number > 0 ? signal_number : 0;
 }
 
-void initServiceState() {
-    initGetAnswerList();
-    initSetAnswerList();
-    initQryGroupListList();
-    initItemQueue();
+bool waitOneSecond() {
+    return awaitSignal(1) == 0;
 }
 
 void announceReady() {
-    if (!notifyManager("READY=1")) {
-        step("ready");
+    if (notifyManager(kNotifyReady) != Notified::kSent) {
+        keldebug(kLogInfo, kToBoth, "kelconfd ready\n");
     }
 }
 
-} // namespace
+void serveUntilSignal() {
+    int signal_number = 0;
+    while (signal_number == 0) {
+        runBackup();
+        signal_number = awaitSignal(kBackupPeriod);
+    }
+    keldebug(kLogInfo, kToBoth, "kelconfd stops on signal %d\n", signal_number);
+}
 
-int main() {
-    const sigset_t end_signals = blockEndSignals();
-    umask(busGroup() ? kUserAndGroupMask : kUserOnlyMask);
+int run() {
+    holdSignals();
+    restrictFileModes();
+    const Fd directory = openRuntimeDirectory(endpoints::kDirectory, geteuid());
+    if (!directory) {
+        return EXIT_FAILURE;
+    }
+    const Fd lock = lockInstance(directory);
+    if (!lock) {
+        return EXIT_FAILURE;
+    }
     raiseDescriptorLimit();
-    step("starting");
-    if (!readyBusDirectory()) {
-        return 1;
+    if (!readyLiveStore(waitOneSecond)) {
+        return EXIT_SUCCESS;
     }
-    const Fd claim = claimBus();
-    if (!claim) {
-        return 1;
-    }
-    loadLiveValues();
-    initServiceState();
-    step("opening the bus");
-    if (!initBusContext()) {
-        keldebug(kLogError, kToBoth, "kelconfd: cannot make the bus context\n");
-        return 1;
-    }
-    initEventSocket();
-    if (!startServiceThreads()) {
-        return 1;
+    if (!startService()) {
+        std::quick_exit(EXIT_FAILURE); // threads may be left: no destructor runs under them
     }
     announceReady();
-    int signal_number = 0;
-    sigwait(&end_signals, &signal_number);
-    notifyManager("STOPPING=1");
-    step("stopping");
-    stopServiceThreads();
-    step("stopped");
-    return 0;
+    serveUntilSignal();
+    notifyManager(kNotifyStopping);
+    stopService();
+    keldebug(kLogInfo, kToBoth, "kelconfd stopped\n");
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+} // namespace kelconf
+
+int main() {
+    try {
+        return kelconf::run();
+    } catch (const std::exception& failure) {
+        // Only memory that cannot be had comes here, and threads may be running.
+        kelconf::keldebug(kelconf::kLogError, kelconf::kToBoth, "kelconfd ends: %s\n",
+                          failure.what());
+        std::quick_exit(EXIT_FAILURE);
+    }
 }

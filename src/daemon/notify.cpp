@@ -5,29 +5,56 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 namespace kelconf {
 
-bool notifyManager(const char* state) {
-    const char* variable = std::getenv("NOTIFY_SOCKET");
-    const std::string_view name{variable == nullptr ? "" : variable};
-    sockaddr_un address{};
-    if (name.empty() || name.size() >= sizeof address.sun_path) {
-        return false;
+namespace {
+
+struct Address {
+    sockaddr_un name{};
+    socklen_t size = 0; // 0: not an address of this protocol
+};
+
+// An abstract name is counted, a path ends at its NUL.
+Address parse(std::string_view text) {
+    Address address;
+    address.name.sun_family = AF_UNIX;
+    const bool abstract = text.starts_with('@');
+    if ((!abstract && !text.starts_with('/')) || text.size() >= sizeof(address.name.sun_path)) {
+        return address;
     }
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, name.data(), name.size());
-    if (name.front() == '@') {
-        address.sun_path[0] = '\0';
+    std::memcpy(address.name.sun_path, text.data(), text.size());
+    if (abstract) {
+        address.name.sun_path[0] = '\0';
     }
-    const Fd socket_fd{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    return socket_fd && sendto(socket_fd.get(), state, std::strlen(state), MSG_NOSIGNAL,
-                               reinterpret_cast<const sockaddr*>(&address), length) >= 0;
+    address.size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + text.size());
+    return address;
+}
+
+} // namespace
+
+Notified notifyManager(std::string_view message) {
+    const char* wanted = std::getenv("NOTIFY_SOCKET");
+    if (wanted == nullptr || *wanted == '\0') {
+        return Notified::kNobody;
+    }
+    const Address address = parse(wanted);
+    if (address.size == 0) {
+        errno = EINVAL;
+        return Notified::kFailed;
+    }
+    const Fd out{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    if (!out) {
+        return Notified::kFailed;
+    }
+    const ssize_t sent =
+        sendto(out.get(), message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr*>(&address.name), address.size);
+    return sent == static_cast<ssize_t>(message.size()) ? Notified::kSent : Notified::kFailed;
 }
 
 } // namespace kelconf

@@ -1,10 +1,24 @@
-// Tells a service manager about the daemon's state (the sd_notify protocol: one datagram to the
-// socket that NOTIFY_SOCKET names, a path or, after "@", an abstract name).
+// Tells the service manager what state the daemon is in.
+//
+// The protocol is sd_notify's: a manager that wants to know puts the address of a datagram socket
+// into NOTIFY_SOCKET (a path, or an abstract name with '@' for the leading NUL), and each message
+// is one datagram of "KEY=VALUE" lines. It is small enough not to need a library.
 #pragma once
+
+#include <string_view>
 
 namespace kelconf {
 
-// True when a manager asked for it and was told. `state` is e.g. "READY=1".
-bool notifyManager(const char* state);
+inline constexpr std::string_view kNotifyReady = "READY=1";
+inline constexpr std::string_view kNotifyStopping = "STOPPING=1";
+
+enum class Notified {
+    kSent,
+    kNobody, // no manager asked
+    kFailed  // an address that is none, or nobody listens there; the reason is in errno
+};
+
+// Sends one message. Logs nothing; never blocks. Reads the environment: main thread only.
+Notified notifyManager(std::string_view message);
 
 } // namespace kelconf

@@ -1,0 +1,52 @@
+// kelconfd as a child process of a test, inside a device root.
+#pragma once
+
+#include "files/fd.h"
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace kelconf::test {
+
+// Starts with the object and is killed with it. Whether it is ready is learnt from the notification
+// that a service manager would get, never from waiting a while. A hang ends the test program: every
+// wait has a deadline of a minute.
+class Daemon {
+  public:
+    // `environment` of the notification aside, as a boot script would start it.
+    Daemon();
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+    Daemon(Daemon&&) = delete;
+    Daemon& operator=(Daemon&&) = delete;
+
+    // True when it serves; false when it has ended instead.
+    bool awaitReady();
+    void signal(int number) const;
+    // Exit status, or 128 + the number of the signal that ended it.
+    int awaitEnd();
+    int stop();     // SIGTERM and awaitEnd
+    void killNow(); // SIGKILL and awaitEnd
+    [[nodiscard]] pid_t process() const { return process_; }
+
+  private:
+    Fd notifications_;
+    Fd handle_;
+    pid_t process_ = -1; // -1 once it was waited for
+    int status_ = -1;
+};
+
+// A clean device: no stored files, no bus directory, one tree.
+void resetDevice(const std::string& neutral_tree);
+
+// A tree of one trunk `private` with the given elements inside.
+std::string treeOf(const std::string& elements);
+// One leaf.
+std::string leaf(const std::string& name, const std::string& type, const std::string& value);
+
+// All bytes of a file, empty when there is none.
+std::string contentOf(const std::string& path);
+
+} // namespace kelconf::test
