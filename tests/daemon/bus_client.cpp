@@ -33,19 +33,22 @@ std::optional<std::string> receiveFrom(void* socket, std::chrono::milliseconds t
 } // namespace
 
 std::string getRequest(const std::vector<std::string>& names) {
-    std::string text = std::string{kDeclaration} + "<GET_ACTION>";
+    std::string text{kDeclaration};
+    text.append("<GET_ACTION>");
     for (const std::string& name : names) {
-        text += "<parameter name=\"" + name + "\"/>";
+        text.append("<parameter name=\"").append(name).append("\"/>");
     }
-    return text + "</GET_ACTION>\n";
+    return text.append("</GET_ACTION>\n");
 }
 
 std::string setRequest(const std::string& root, const std::vector<Parameter>& parameters) {
-    std::string text = kDeclaration + ("<" + root + ">");
+    std::string text{kDeclaration};
+    text.append("<").append(root).append(">");
     for (const auto& [name, value] : parameters) {
-        text += "<parameter name=\"" + name + "\">" + value + "</parameter>";
+        text.append("<parameter name=\"").append(name).append("\">");
+        text.append(value).append("</parameter>");
     }
-    return text + "</" + root + ">\n";
+    return text.append("</").append(root).append(">\n");
 }
 
 Requester::Requester(const char* address)

@@ -62,7 +62,8 @@ Daemon::Daemon() : notifications_(listenForNotifications()) {
 
 Daemon::~Daemon() {
     if (process_ > 0) {
-        killNow();
+        ::kill(process_, SIGKILL);
+        waitpid(process_, nullptr, 0);
     }
 }
 

@@ -32,11 +32,14 @@ mode_t modeOf(const std::string& path) {
 
 class RuntimeDirectory : public testing::Test {
   protected:
-    RuntimeDirectory() : mask_(umask(0)) { fs::remove_all(kDir); }
-    ~RuntimeDirectory() override { umask(mask_); }
+    void SetUp() override {
+        fs::remove_all(kDir);
+        mask_ = umask(0);
+    }
+    void TearDown() override { umask(mask_); }
 
   private:
-    mode_t mask_;
+    mode_t mask_ = 0;
 };
 
 TEST_F(RuntimeDirectory, IsMadeClosedToOthersWrites) {

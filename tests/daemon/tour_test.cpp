@@ -105,19 +105,25 @@ TEST(Tour, NoTreeNoService) {
     EXPECT_TRUE(logHas(log.take(), "error: could not parse file "));
 }
 
+ino_t inodeOf(const fs::path& path) {
+    struct stat info {};
+    EXPECT_EQ(lstat(path.c_str(), &info), 0) << path;
+    return info.st_ino;
+}
+
+std::vector<std::pair<fs::path, ino_t>> busFiles() {
+    std::vector<std::pair<fs::path, ino_t>> files;
+    for (const auto& entry : fs::directory_iterator(endpoints::kDirectory)) {
+        files.emplace_back(entry.path(), inodeOf(entry.path()));
+    }
+    return files;
+}
+
 TEST(SecondStart, IsRefusedAndDisturbsNothing) {
     resetDevice(treeOf(leaf("name", "string", "a")));
     Daemon first;
     ASSERT_TRUE(first.awaitReady());
-    const auto inodeOf = [](const fs::path& path) {
-        struct stat info {};
-        lstat(path.c_str(), &info);
-        return info.st_ino;
-    };
-    std::vector<std::pair<fs::path, ino_t>> before;
-    for (const auto& entry : fs::directory_iterator(endpoints::kDirectory)) {
-        before.emplace_back(entry.path(), inodeOf(entry.path()));
-    }
+    const auto before = busFiles();
     ASSERT_EQ(before.size(), 10U) << "nine sockets and the lock";
     const std::string database = contentOf(kLive);
     DeviceLog log;
@@ -125,9 +131,7 @@ TEST(SecondStart, IsRefusedAndDisturbsNothing) {
     EXPECT_FALSE(second.awaitReady());
     EXPECT_EQ(second.awaitEnd(), 1);
     EXPECT_TRUE(logHas(log.take(), numbered("runs already, as process ", first.process())));
-    for (const auto& [path, inode] : before) {
-        EXPECT_EQ(inodeOf(path), inode) << path;
-    }
+    EXPECT_EQ(busFiles(), before);
     EXPECT_EQ(contentOf(kLive), database);
     EXPECT_TRUE(set("SET_ACTION", {{"private.name", "b"}}));
     EXPECT_EQ(first.stop(), 0);
@@ -251,32 +255,47 @@ INSTANTIATE_TEST_SUITE_P(Signals, OrderlyStop,
                          testing::Values(std::pair{"SET_ACTION", SIGTERM},
                                          std::pair{"SET_ACTION_DIRECT", SIGINT}));
 
+// The moment of a kill inside a pass is what varies; nothing depends on how long anything takes.
+class Moments {
+  public:
+    void wait(unsigned most_microseconds) { usleep(next(most_microseconds)); }
+    unsigned next(unsigned most) { return static_cast<unsigned>(random_() % most); }
+
+  private:
+    std::mt19937 random_{std::random_device{}()};
+};
+
+// Kills the service under load; what it had answered.
+std::vector<int> killUnderLoad(Moments& moments, int names) {
+    Daemon daemon;
+    EXPECT_TRUE(daemon.awaitReady());
+    Load load{"SET_ACTION_DIRECT", names};
+    load.awaitAnswers(1 + static_cast<int>(moments.next(8)));
+    moments.wait(20000);
+    daemon.killNow();
+    return load.end();
+}
+
+void expectBelievedAtTheNextStart(DeviceLog& log) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.awaitReady());
+    EXPECT_EQ(daemon.stop(), 0);
+    const LogRecords records = log.take();
+    EXPECT_FALSE(logHas(records, "live database damaged"));
+    EXPECT_TRUE(logHas(records, "live database sound") ||
+                logHas(records, "live database recovered"));
+}
+
 TEST(Kill, AtAnyMomentKeepsEveryAnsweredDirectSet) {
     constexpr int kNames = 10;
     constexpr int kRounds = 25;
     resetDevice(treeOf(counters(kNames)));
-    std::minstd_rand random{20240501};
+    Moments moments;
     DeviceLog log;
     for (int round = 0; round < kRounds; ++round) {
-        std::vector<int> answered;
-        {
-            Daemon daemon;
-            ASSERT_TRUE(daemon.awaitReady());
-            Load load{"SET_ACTION_DIRECT", kNames};
-            load.awaitAnswers(1 + static_cast<int>(random() % 8));
-            // The moment inside a pass is what varies; nothing depends on how long this takes.
-            usleep(static_cast<useconds_t>(random() % 20000));
-            daemon.killNow();
-            answered = load.end();
-        }
-        Daemon daemon;
-        ASSERT_TRUE(daemon.awaitReady());
-        EXPECT_EQ(daemon.stop(), 0);
-        const LogRecords records = log.take();
-        EXPECT_FALSE(logHas(records, "live database damaged")) << "round " << round;
-        EXPECT_TRUE(logHas(records, "live database sound") ||
-                    logHas(records, "live database recovered"))
-            << "round " << round;
+        SCOPED_TRACE(round);
+        const std::vector<int> answered = killUnderLoad(moments, kNames);
+        expectBelievedAtTheNextStart(log);
         expectKept(answered);
     }
 }
@@ -290,13 +309,13 @@ TEST(Kill, DuringTheStartLosesNothing) {
         ASSERT_TRUE(set("SET_ACTION_DIRECT", {{counterName(7), "4711"}}));
         ASSERT_EQ(daemon.stop(), 0);
     }
-    std::minstd_rand random{7};
+    Moments moments;
     DeviceLog log;
     for (int round = 0; round < 25; ++round) {
         // A tree that grows gives every start something to write.
         writeFile("/etc/neutral_tree.xml", treeOf(counters(kNames + round)));
         Daemon daemon;
-        usleep(static_cast<useconds_t>(random() % 30000));
+        moments.wait(30000);
         daemon.killNow();
     }
     Daemon daemon;
@@ -308,23 +327,27 @@ TEST(Kill, DuringTheStartLosesNothing) {
 
 // ---- Crowds -------------------------------------------------------------------------------------
 
+std::vector<Fd> connectIdle(const char* path, int count) {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    std::strncpy(name.sun_path, path, sizeof name.sun_path - 1);
+    std::vector<Fd> connections;
+    for (int i = 0; i < count; ++i) {
+        Fd connection{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+        if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
+            ADD_FAILURE() << "connection " << i << ": " << std::strerror(errno);
+            break;
+        }
+        connections.push_back(std::move(connection));
+    }
+    return connections;
+}
+
 TEST(Crowd, FiveThousandIdleConnectionsDoNotEndTheService) {
-    constexpr int kConnections = 5000;
     resetDevice(treeOf(leaf("name", "string", "a")));
     Daemon daemon;
     ASSERT_TRUE(daemon.awaitReady());
-    sockaddr_un name{};
-    name.sun_family = AF_UNIX;
-    std::strncpy(name.sun_path, "/tmp/kelbus/kelbus_getsock", sizeof name.sun_path - 1);
-    std::vector<Fd> idle;
-    for (int i = 0; i < kConnections; ++i) {
-        Fd connection{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-        ASSERT_TRUE(connection) << i << ": the test itself has too few descriptors";
-        ASSERT_EQ(connect(connection.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name),
-                  0)
-            << i << ": " << std::strerror(errno);
-        idle.push_back(std::move(connection));
-    }
+    std::vector<Fd> idle = connectIdle("/tmp/kelbus/kelbus_getsock", 5000);
     EXPECT_EQ(valueOf("private.name"), "a") << "with all of them connected";
     EXPECT_TRUE(set("SET_ACTION_DIRECT", {{"private.name", "b"}}));
     idle.clear();
