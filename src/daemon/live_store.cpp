@@ -50,8 +50,6 @@ constexpr std::array kProtected = {paths::kLiveDb,
 constexpr mode_t kPrivateMode = 0600;
 constexpr mode_t kSharedMode = 0640;
 
-constexpr int kLogEvery = 10; // seconds of waiting for another process
-
 class BackupLock {
   public:
     BackupLock() { pthread_mutex_lock(&backup_mutex); }
@@ -167,21 +165,27 @@ void keepEvidence() {
     }
 }
 
+// The copy is what will be used, so the copy is what is examined.
+bool copySound(const char* database, const char* sidecar) {
+    removeFile(kReplacement);
+    if (copyFile(database, kReplacement) == 0 && checkFileMD5(kReplacement, sidecar) &&
+        readInFull(kReplacement) == Reading::kComplete) {
+        return true;
+    }
+    removeFile(kReplacement);
+    return false;
+}
+
 // A complete copy of a sound backup under the name kReplacement, flushed.
 bool copySoundBackup() {
-    removeFile(kReplacement);
     if (!present(paths::kBackupDb) || !present(paths::kBackupDbMd5)) {
         keldebug(kLogWarning, kToBoth, "no backup of the live database\n");
         return false;
     }
-    // The copy is what will be used, so the copy is what is examined.
-    if (copyFile(paths::kBackupDb, kReplacement) != 0 ||
-        !checkFileMD5(kReplacement, paths::kBackupDbMd5) ||
-        readInFull(kReplacement) != Reading::kComplete) {
+    if (!copySound(paths::kBackupDb, paths::kBackupDbMd5)) {
         keldebug(kLogError, kToBoth,
                  "backup of the live database is not sound, or cannot be "
                  "copied\n");
-        removeFile(kReplacement);
         return false;
     }
     return flushPath(kReplacement, O_RDONLY);
@@ -196,18 +200,22 @@ void sealIfWritten() {
     sealLiveDatabase();
 }
 
+bool liveTableReadable() {
+    return querySQLTable("") == 1;
+}
+
 void makeNewDatabase() {
     removeFile(paths::kLiveDb);
     createSQLTable();
-    if (querySQLTable("") == 1) {
+    if (liveTableReadable()) {
         keldebug(kLogWarning, kToBoth, "live database made new\n");
     } else {
         keldebug(kLogError, kToBoth, "no live database can be made\n");
     }
 }
 
-// The old seal goes last: whatever interrupts this finds a missing file, or one that does not match
-// it, and starts anew. Returns whether the file was made new.
+// Whatever interrupts this leaves a missing file, or one that its old seal does not match and does
+// not explain: the next start does it again. Returns whether the file was made new.
 bool replaceLiveDatabase() {
     const bool copied = copySoundBackup();
     removeCompanions();
@@ -234,9 +242,16 @@ void addMissingNames() {
     }
 }
 
+// A foreign tool may have left the file in the write-ahead mode, whose commits the seal cannot see.
+void useRollbackJournal() {
+    const OpenedDatabase database = openDatabase(paths::kLiveDb);
+    execute(database.handle.get(), "PRAGMA journal_mode = DELETE");
+}
+
 // The builders add rows only to a marked file: rows without a mark would be read like the old ones.
 void completeLiveDatabase(bool fresh) {
     clearStorageFault();
+    useRollbackJournal();
     markPasswordState(fresh);
     if (passwordMarkOf(readUserVersion(paths::kLiveDb)).present) {
         addMissingNames();
@@ -269,17 +284,61 @@ void logVerdict(LiveVerdict verdict) {
     }
 }
 
-// kUnreadable when the patience ended.
-LiveVerdict awaitVerdict(const Patience& patience) {
-    for (int second = 0;; ++second) {
-        const LiveVerdict verdict = judgeLiveDatabase();
-        if (verdict != LiveVerdict::kUnreadable || second % kLogEvery == 0) {
-            logVerdict(verdict);
-        }
-        if (verdict != LiveVerdict::kUnreadable || !patience()) {
+// kUnreadable also when the patience ended, which then is `stopped`.
+LiveVerdict awaitVerdict(const Patience& patience, bool& stopped) {
+    LiveVerdict verdict = judgeLiveDatabase();
+    logVerdict(verdict);
+    for (int second = 0; verdict == LiveVerdict::kUnreadable && second < kLockPatience; ++second) {
+        stopped = !patience();
+        if (stopped) {
             return verdict;
         }
+        verdict = judgeLiveDatabase();
+        if (verdict != LiveVerdict::kUnreadable) {
+            logVerdict(verdict);
+        }
     }
+    return verdict;
+}
+
+// SQLite's locks do not hold off a plain read; the sidecar tells whether what was read is whole.
+LiveSource copyUnreadable() {
+    if (copySound(paths::kLiveDb, paths::kLiveDbMd5)) {
+        keldebug(kLogWarning, kToBoth, "live database is locked, serving a sealed copy of it\n");
+        return {.copy = kReplacement, .temporary = true};
+    }
+    if (copySoundBackup()) {
+        keldebug(kLogWarning, kToBoth, "live database cannot be read, serving the backup\n");
+        return {.copy = kReplacement, .temporary = true};
+    }
+    keldebug(kLogError, kToBoth, "live database cannot be read, nothing to serve\n");
+    return {};
+}
+
+// Nothing could be written: the disk is full or read-only.
+LiveSource sourceWithoutFile() {
+    if (checkFileMD5(paths::kBackupDb, paths::kBackupDbMd5) &&
+        readInFull(paths::kBackupDb) == Reading::kComplete) {
+        keldebug(kLogWarning, kToBoth, "no live database, serving the backup\n");
+        return {.copy = paths::kBackupDb};
+    }
+    keldebug(kLogError, kToBoth, "no live database, nothing to serve\n");
+    return {};
+}
+
+LiveSource readyFile(LiveVerdict verdict) {
+    const bool replace = verdict == LiveVerdict::kDamaged || verdict == LiveVerdict::kMissing;
+    const bool fresh = replace && replaceLiveDatabase();
+    if (fresh && !liveTableReadable()) {
+        return sourceWithoutFile();
+    }
+    protectStoredFiles();
+    completeLiveDatabase(fresh);
+    protectStoredFiles();
+    if (verdict != LiveVerdict::kSound || !present(paths::kBackupDb)) {
+        backup_pending = 1;
+    }
+    return {};
 }
 
 void protectFile(const char* path) {
@@ -302,21 +361,20 @@ LiveVerdict judgeLiveDatabase() {
     return judge();
 }
 
-bool readyLiveStore(const Patience& patience) {
-    const LiveVerdict verdict = awaitVerdict(patience);
-    if (verdict == LiveVerdict::kUnreadable) {
-        return false;
+LiveSource readyLiveStore(const Patience& patience) {
+    bool stopped = false;
+    const LiveVerdict verdict = awaitVerdict(patience, stopped);
+    if (stopped) {
+        return {.stopped = true};
     }
     const BackupLock lock;
-    const bool replace = verdict == LiveVerdict::kDamaged || verdict == LiveVerdict::kMissing;
-    const bool fresh = replace && replaceLiveDatabase();
-    protectStoredFiles();
-    completeLiveDatabase(fresh);
-    protectStoredFiles();
-    if (verdict != LiveVerdict::kSound || !present(paths::kBackupDb)) {
-        backup_pending = 1;
+    return verdict == LiveVerdict::kUnreadable ? copyUnreadable() : readyFile(verdict);
+}
+
+void dropCopy(const LiveSource& source) {
+    if (source.temporary) {
+        removeFile(source.copy);
     }
-    return true;
 }
 
 void protectStoredFiles() {

@@ -31,6 +31,13 @@ LiveVerdict judgeLiveDatabase();
 // Waits a second. False ends the wait: the daemon is to stop.
 using Patience = std::function<bool()>;
 
+// Where the live values are to be loaded from.
+struct LiveSource {
+    bool stopped = false;       // nowhere: the patience ended
+    const char* copy = nullptr; // a copy, while the live database cannot be used; null: from itself
+    bool temporary = false;     // the copy is to be removed after loading (dropCopy)
+};
+
 // Judges the file and puts a good one into its place where it is damaged or missing: the backup
 // when that is sound (its sidecar matches and SQLite finds no fault in the copy), else a new one
 // with an empty table. The first damaged file is kept as conf.db.damaged. A replacement is complete
@@ -38,9 +45,14 @@ using Patience = std::function<bool()>;
 // lacks, and seals the file. Logs each step. A tree that does not parse ends the process with
 // status 0, as createConf says.
 //
-// A storage that refuses to write is no reason to give up: what can be read is served. False only
-// when `patience` ended while the file could not be read.
-bool readyLiveStore(const Patience& patience);
+// A storage that refuses to write is no reason to give up. While another process keeps the file
+// locked for more than kLockPatience, a copy of its bytes serves when the sidecar vouches for
+// them, else a sound backup; what clients set is stored as soon as the lock is gone.
+inline constexpr int kLockPatience = 5; // seconds
+LiveSource readyLiveStore(const Patience& patience);
+
+// Removes a temporary copy.
+void dropCopy(const LiveSource& source);
 
 // Files that hold passwords are for the daemon's user, and for the bus's group where there is one:
 // corrects the modes of all that exist. A backup that is made later needs another call.

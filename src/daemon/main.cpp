@@ -12,8 +12,10 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <exception>
 
@@ -35,30 +37,28 @@ void holdSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-// The signal that came within that time, or 0.
-int awaitSignal(int seconds) {
-    const sigset_t set = stopSignals();
-    const timespec time{seconds, 0};
-    const int signal_number = sigtimedwait(&set, nullptr, &time);
-    return signal_number > 0 ? signal_number : 0;
-}
-
 bool waitOneSecond() {
-    return awaitSignal(1) == 0;
+    const sigset_t set = stopSignals();
+    const timespec second{1, 0};
+    return sigtimedwait(&set, nullptr, &second) < 0;
 }
 
 void announceReady() {
-    if (notifyManager(kNotifyReady) != Notified::kSent) {
+    switch (notifyManager(kNotifyReady)) {
+    case Notified::kSent:
+        return;
+    case Notified::kFailed:
+        keldebug(kLogWarning, kToBoth, "service manager not told: %s\n", std::strerror(errno));
+        [[fallthrough]];
+    case Notified::kNobody:
         keldebug(kLogInfo, kToBoth, "kelconfd ready\n");
     }
 }
 
 void serveUntilSignal() {
     int signal_number = 0;
-    while (signal_number == 0) {
-        runBackup();
-        signal_number = awaitSignal(kBackupPeriod);
-    }
+    const sigset_t set = stopSignals();
+    sigwait(&set, &signal_number);
     keldebug(kLogInfo, kToBoth, "kelconfd stops on signal %d\n", signal_number);
 }
 
@@ -74,10 +74,11 @@ int run() {
         return EXIT_FAILURE;
     }
     raiseDescriptorLimit();
-    if (!readyLiveStore(waitOneSecond)) {
+    const LiveSource source = readyLiveStore(waitOneSecond);
+    if (source.stopped) {
         return EXIT_SUCCESS;
     }
-    if (!startService()) {
+    if (!startService(source)) {
         std::quick_exit(EXIT_FAILURE); // threads may be left: no destructor runs under them
     }
     announceReady();

@@ -25,8 +25,8 @@ constexpr mode_t kWriteOfOthers = S_IWGRP | S_IWOTH;
 constexpr const char* kLockName = "kelconfd.lock";
 constexpr mode_t kLockMode = 0600;
 
-// Enough for 16,000 clients at once; asked for where the hard limit is lower and may be raised.
-constexpr rlim_t kDescriptors = 16384;
+// Asked for where the hard limit is lower and may be raised: each client takes one.
+constexpr rlim_t kDescriptors = 65536;
 
 Fd refuse(const char* path, const char* reason) {
     keldebug(kLogError, kToBoth, "%s cannot be used: %s\n", path, reason);

@@ -3,7 +3,6 @@
 #include "bus/bus_context.h"
 #include "bus/event_publisher.h"
 #include "bus/request_loops.h"
-#include "daemon/live_store.h"
 #include "db/live_db.h"
 #include "files/backup.h"
 #include "log/keldebug.h"
@@ -43,6 +42,49 @@ void relaySets() {
     initSetSyncSock();
 }
 
+// A copy of a database that cannot be read would take the place of a good one.
+bool liveDatabaseReadable() {
+    pthread_mutex_lock(&backup_mutex);
+    const bool readable = querySQLTable("") == 1;
+    pthread_mutex_unlock(&backup_mutex);
+    return readable;
+}
+
+void runUpkeepOnce() {
+    resettlePasswords();
+    storeFailedChanges();
+    if (backup_pending != 0 && liveDatabaseReadable()) {
+        createBackupDBTask();
+        protectStoredFiles();
+    }
+}
+
+// Whether the upkeep is to end.
+struct UpkeepEnd {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool wanted = false; // guarded by mutex
+};
+UpkeepEnd upkeep_end;
+
+void runUpkeep() {
+    const auto period = std::chrono::seconds{kUpkeepPeriod};
+    std::unique_lock lock{upkeep_end.mutex};
+    while (!upkeep_end.changed.wait_for(lock, period, [] { return upkeep_end.wanted; })) {
+        lock.unlock();
+        runUpkeepOnce();
+        lock.lock();
+    }
+}
+
+void endUpkeep() {
+    {
+        const std::lock_guard lock{upkeep_end.mutex};
+        upkeep_end.wanted = true;
+    }
+    upkeep_end.changed.notify_all();
+}
+
 struct ServiceThread {
     void* (*body)(void*);
     const char* name; // at most 15 characters, for ps and the log
@@ -50,8 +92,12 @@ struct ServiceThread {
     bool started = false;
 };
 
+constexpr std::size_t kWriteBack = 0; // positions in the list below
+constexpr std::size_t kUpkeep = 1;
+
 // The write-back task comes first: a SET may be answered as soon as its loop runs.
-std::array<ServiceThread, 7> threads{{{runBody<saveFileTask>, "write-back"},
+std::array<ServiceThread, 8> threads{{{runBody<saveFileTask>, "write-back"},
+                                      {runBody<runUpkeep>, "upkeep"},
                                       {runBody<initGetSock>, "get"},
                                       {runBody<initSetSock>, "set"},
                                       {runBody<initGetAllSock>, "get-all"},
@@ -71,21 +117,25 @@ bool startThread(ServiceThread& thread) {
     return true;
 }
 
-void joinThreads() {
-    for (ServiceThread& thread : threads) {
-        if (thread.started) {
-            pthread_join(thread.id, nullptr);
-            thread.started = false;
-        }
+void join(ServiceThread& thread) {
+    if (thread.started) {
+        pthread_join(thread.id, nullptr);
+        thread.started = false;
     }
 }
 
-void loadLiveValues() {
+void loadLiveValues(const LiveSource& source) {
     pthread_mutex_lock(&backup_mutex);
     initParamList();
-    loadSQLDB();
+    if (source.copy == nullptr) {
+        loadSQLDB();
+        settlePasswords();
+    } else {
+        loadDatabaseFile(source.copy);
+        adoptPasswords(source.copy);
+        dropCopy(source);
+    }
     keldebug(kLogInfo, kToBoth, "%d live parameters loaded\n", CheckParamListLength());
-    settlePasswords();
     pthread_mutex_unlock(&backup_mutex);
 }
 
@@ -121,7 +171,8 @@ class RetryDeadline {
   private:
     void run() {
         std::unique_lock lock{mutex_};
-        if (!changed_.wait_for(lock, std::chrono::seconds{kPatience}, [this] { return done_; })) {
+        if (!changed_.wait_for(lock, std::chrono::seconds{kStopPatience},
+                               [this] { return done_; })) {
             endUpdateRetries();
         }
     }
@@ -134,8 +185,8 @@ class RetryDeadline {
 
 } // namespace
 
-bool startService() {
-    loadLiveValues();
+bool startService(const LiveSource& source) {
+    loadLiveValues(source);
     if (!openBus()) {
         return false;
     }
@@ -148,25 +199,22 @@ bool startService() {
     return true;
 }
 
-void runBackup() {
-    if (backup_pending != 0) {
-        createBackupDBTask();
-        protectStoredFiles();
-    }
-}
-
 void stopService() {
     {
         const RetryDeadline deadline;
         stopRequestLoops();
         endFileEvents();
-        pthread_join(threads[0].id, nullptr);
-        threads[0].started = false;
+        endUpkeep();
+        join(threads[kWriteBack]);
+        join(threads[kUpkeep]);
     }
-    runBackup();
+    endUpdateRetries();
+    runUpkeepOnce();
     closeEventSocket(kEventLinger);
     shutdownBusContext();
-    joinThreads();
+    for (ServiceThread& thread : threads) {
+        join(thread);
+    }
     closeBusContext();
 }
 

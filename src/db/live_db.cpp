@@ -333,9 +333,9 @@ std::optional<std::string> readLiveValue(const char* name) {
     return std::string{textOf(query.get(), 0)};
 }
 
-std::vector<std::string> liveNamesFrom(std::int64_t offset) {
+std::vector<std::string> namesFrom(const char* path, std::int64_t offset) {
     std::vector<std::string> names;
-    const OpenedDatabase database = openDatabase(paths::kLiveDb);
+    const OpenedDatabase database = openDatabase(path);
     const Statement query =
         prepare(database.handle.get(), "SELECT NAME FROM CONFIG ORDER BY rowid LIMIT -1 OFFSET ?");
     if (query) {

@@ -46,7 +46,7 @@ std::int32_t querySQLTable(const char* name);
 
 // Appends every row to ParamList (initialised before) and sorts it.
 void loadSQLDB();
-// The same from the database at `path`: the backup, while the live one cannot be read.
+// The same from the database at `path`: a copy, while the live one cannot be read.
 void loadDatabaseFile(const char* path);
 
 // 1 when the database at `path` opens and a full scan of CONFIG completes.
@@ -66,8 +66,8 @@ std::int64_t readUserVersion(const char* path);
 // The value of a row, or of none.
 std::optional<std::string> readLiveValue(const char* name);
 
-// The names of all rows but the first `offset`, in the order of insertion.
-std::vector<std::string> liveNamesFrom(std::int64_t offset);
+// The names of all rows but the first `offset` of the database at `path`, in the order of insertion.
+std::vector<std::string> namesFrom(const char* path, std::int64_t offset);
 
 // Stores all rows, and the header's number that `version_of` gives for the table's row count, in
 // one transaction: all of it or nothing. Up to `attempts` tries, with a second's pause after each

@@ -1,12 +1,18 @@
 #include "service/password_state.h"
 
+#include "bus/service_locks.h"
 #include "db/live_db.h"
+#include "files/backup.h"
+#include "files/live_seal.h"
 #include "paths.h"
 #include "service/param_list.h"
 #include "service/passwords.h"
 #include "text/text.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <string>
 #include <vector>
@@ -36,17 +42,23 @@ void setLiveSwitch(const char* value) {
     }
 }
 
-// Scrambles the live and the stored values of passwords that were added after the mark, so that
-// all of them are alike; the switch row then says so too.
-void settleScrambled(const PasswordMark& mark) {
+// Scrambles the live values of passwords that were added after the mark, so that all of them are
+// as the mark says. The rows that are to follow.
+std::vector<LiveRow> scrambleAddedValues(const PasswordMark& mark, const char* path) {
     std::vector<LiveRow> rows;
-    for (const std::string& name : liveNamesFrom(mark.rows)) {
+    for (const std::string& name : namesFrom(path, mark.rows)) {
         ParamElement* element = seekParamElement(name.c_str());
         if (element != nullptr && isPasswordName(element->name) && strlens(element->value) > 0) {
             rows.push_back({name, scrambledForm(element->value)});
             replaceText(element->value, rows.back().value);
         }
     }
+    return rows;
+}
+
+// Brings the rows and the switch in line with a mark that says scrambled.
+void settleScrambled(const PasswordMark& mark) {
+    std::vector<LiveRow> rows = scrambleAddedValues(mark, paths::kLiveDb);
     const ParamElement* flag = seekParamElement(kPasswordSwitch);
     if (flag != nullptr && viewOf(flag->value) != "1") {
         rows.push_back({kPasswordSwitch, "1"});
@@ -56,6 +68,28 @@ void settleScrambled(const PasswordMark& mark) {
         storeTogether(rows, scrambledMark, kAttempts);
     }
 }
+
+bool isSettled(const PasswordMark& mark) {
+    if (!mark.present) {
+        return false;
+    }
+    const bool wanted = mark.scrambled || validatePrivateCampass() == 1;
+    return !wanted || (mark.scrambled && namesFrom(paths::kLiveDb, mark.rows).empty());
+}
+
+std::vector<LiveRow> scrambledPasswords() {
+    std::vector<LiveRow> rows{{kPasswordSwitch, "1"}};
+    for (std::int32_t i = 0; i < CheckParamListLength(); ++i) {
+        const ParamElement* element = paramElementAt(static_cast<std::uint32_t>(i));
+        if (element != nullptr && isPasswordName(element->name)) {
+            rows.push_back({element->name, scrambledForm(element->value)});
+        }
+    }
+    return rows;
+}
+
+// The start could not write what it had to. Set by the start, cleared by one other thread.
+std::atomic<bool> unsettled{false};
 
 } // namespace
 
@@ -92,10 +126,43 @@ void settlePasswords() {
         setLiveSwitch("0");
     }
     restorPlainPassword();
+    const bool was_scrambled = checkPasswordEncryption() == 1;
     encryptAllPasswordInDB();
     const PasswordMark now = currentMark();
-    const bool scrambled = now.present ? now.scrambled : checkPasswordEncryption() == 1;
+    support_campass = (now.present ? now.scrambled : was_scrambled) ? 1 : 0;
+    unsettled = !isSettled(now);
+}
+
+void adoptPasswords(const char* path) {
+    const PasswordMark mark = passwordMarkOf(readUserVersion(path));
+    if (mark.present) {
+        setLiveSwitch(mark.scrambled ? "1" : "0");
+    }
+    if (mark.present && mark.scrambled) {
+        scrambleAddedValues(mark, path);
+    }
+    restorPlainPassword();
+    const bool scrambled = mark.present ? mark.scrambled : checkPasswordEncryption() == 1;
     support_campass = scrambled ? 1 : 0;
+}
+
+void resettlePasswords() {
+    if (!unsettled) {
+        return;
+    }
+    const GetAllCriticalSection requests; // the listings read the switch under it
+    const CriticalSection lock;
+    pthread_mutex_lock(&backup_mutex);
+    const bool scramble = validatePrivateCampass() == 1;
+    const std::vector<LiveRow> rows = scramble ? scrambledPasswords() : std::vector<LiveRow>{};
+    if (storeTogether(rows, scramble ? scrambledMark : plainMark, 1)) {
+        setLiveSwitch("1");
+        support_campass = scramble ? 1 : 0;
+        unsettled = false;
+        sealLiveDatabase();
+        backup_pending = 1;
+    }
+    pthread_mutex_unlock(&backup_mutex);
 }
 
 } // namespace kelconf

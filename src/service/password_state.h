@@ -10,7 +10,7 @@
 // The switch private.encrypt_campass is a parameter that clients can set and that trees give a
 // default to; it alone decides only for a file without a mark.
 //
-// All of this runs at start, before the threads, with backup_mutex held.
+// All but resettlePasswords runs at start, before the threads, with backup_mutex held.
 #pragma once
 
 #include <cstdint>
@@ -37,5 +37,14 @@ void markPasswordState(bool fresh);
 // mark, makes the live passwords plain, converts a plain database, and lets the write-back store
 // passwords the way the database then has them.
 void settlePasswords();
+
+// The same after loading from a copy of the live database at `path`, which cannot be read itself:
+// nothing is stored.
+void adoptPasswords(const char* path);
+
+// Stores what settlePasswords could not, from the live values, in one attempt. Does nothing, at no
+// cost, when all is settled. Takes the get-all lock, the parameter lock and
+// backup_mutex.
+void resettlePasswords();
 
 } // namespace kelconf

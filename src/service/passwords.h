@@ -16,8 +16,8 @@
 
 namespace kelconf {
 
-// Nonzero: a write-back pass stores passwords scrambled. Changed at start only
-// (settlePasswords, service/password_state.h), before the threads run.
+// Nonzero: a write-back pass stores passwords scrambled. Set at start, and
+// under the parameter lock afterwards (service/password_state.h).
 extern std::uint8_t support_campass;
 
 inline constexpr std::int32_t kScramblingKey = 0x6B3D; // its low eight bits count
