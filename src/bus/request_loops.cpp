@@ -39,7 +39,7 @@ struct LoopState {
     std::condition_variable changed;
     bool stopping = false;    // guarded by mutex, as the rest
     std::int32_t running = 0; // loops that have not returned
-    std::int32_t opened = 0;  // loops that have opened their endpoint once
+    std::int32_t opened = 0;  // loops and brokers that have opened their endpoints
 };
 
 LoopState& loops() {
@@ -253,7 +253,9 @@ std::int32_t runBroker(const Broker& broker) {
         openRelayEnd(ZMQ_ROUTER, broker.front_address, broker.front_failed, broker.front_success);
     const Socket back =
         openRelayEnd(ZMQ_DEALER, broker.back_address, broker.back_failed, broker.back_success);
+    changeLoops([](LoopState& state) { ++state.opened; });
     zmq_proxy(front.get(), back.get(), nullptr);
+    changeLoops([](LoopState& state) { --state.opened; });
     // What is still queued for peers that do not take it is given up with the relay.
     setSocketOption(front.get(), ZMQ_LINGER, 0);
     setSocketOption(back.get(), ZMQ_LINGER, 0);

@@ -33,7 +33,8 @@ void stopRequestLoops();
 // Lets loops be started again after stopRequestLoops.
 void allowRequestLoops();
 
-// Waits until so many request loops have opened their endpoint, whether or not it could be bound.
+// Waits until so many loops and brokers have opened their endpoints, whether or not those of the
+// loops could be bound.
 void awaitRequestLoops(std::int32_t count);
 
 } // namespace kelconf

@@ -25,7 +25,7 @@ namespace kelconf {
 
 namespace {
 
-constexpr std::int32_t kRequestLoops = 4;
+constexpr std::int32_t kLoopsAndBrokers = 6;
 constexpr int kEventLinger = 500; // ms for the last events to reach their subscribers
 
 template <void (*Body)()>
@@ -195,7 +195,7 @@ bool startService(const LiveSource& source) {
             return false;
         }
     }
-    awaitRequestLoops(kRequestLoops);
+    awaitRequestLoops(kLoopsAndBrokers);
     return true;
 }
 

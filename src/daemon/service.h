@@ -10,9 +10,9 @@
 namespace kelconf {
 
 // Loads the live values, makes passwords plain, sets up what the requests use, binds the endpoints
-// and starts the threads. Returns when all request loops have opened their endpoints. False, with
-// a log line, when there is no bus context or a thread cannot be started: the process is to end.
-// A failed bind of the publisher or a broker ends it with status 0.
+// and starts the threads. Returns when all loops and brokers have opened their endpoints. False,
+// with a log line, when there is no bus context or a thread cannot be started: the process is to
+// end. A failed bind of the publisher or a broker ends it with status 0.
 bool startService(const LiveSource& source);
 
 // The upkeep runs this often: it takes a pending backup and stores what could not be stored before.
