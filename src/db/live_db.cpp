@@ -97,6 +97,20 @@ bool updateRow(sqlite3* database, sqlite3_stmt* update, const char* name, const 
     return false;
 }
 
+bool insertRow(sqlite3* database, sqlite3_stmt* insert, const char* name, const char* value,
+               const char* type) {
+    if (insert != nullptr) {
+        bindText(insert, 1, name);
+        bindText(insert, 2, value);
+        bindText(insert, 3, type);
+        if (runOnce(insert)) {
+            return true;
+        }
+    }
+    logStatementError(database);
+    return false;
+}
+
 // Commits when BEGIN succeeded. A statement that ran without a transaction is committed already.
 bool endTransaction(sqlite3* database, bool begun) {
     return !begun || execute(database, "END TRANSACTION");
@@ -145,6 +159,18 @@ std::int64_t readNumber(sqlite3* database, std::string_view sql) {
                                                             : -1;
 }
 
+// Ends the transaction with the header's number set. False, with the reason logged, when it fails.
+bool commitMarked(sqlite3* database, std::int32_t (*version_of)(std::int64_t)) {
+    const std::int64_t count = readNumber(database, "SELECT count(*) FROM CONFIG");
+    // A pragma takes no bound value; this one is a number of ours.
+    const std::string mark = "PRAGMA user_version = " + std::to_string(version_of(count));
+    if (count < 0 || !execute(database, mark.c_str()) || !execute(database, "END TRANSACTION")) {
+        logStatementError(database);
+        return false;
+    }
+    return true;
+}
+
 bool storeOnce(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(std::int64_t)) {
     const OpenedDatabase database = openLogged(paths::kLiveDb);
     sqlite3* handle = database.handle.get();
@@ -162,14 +188,7 @@ bool storeOnce(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(std:
             return false; // closing the connection abandons the transaction
         }
     }
-    // A pragma takes no bound value; this one is a number of ours.
-    const std::int64_t count = readNumber(handle, "SELECT count(*) FROM CONFIG");
-    const std::string mark = "PRAGMA user_version = " + std::to_string(version_of(count));
-    if (count < 0 || !execute(handle, mark.c_str()) || !execute(handle, "END TRANSACTION")) {
-        logStatementError(handle);
-        return false;
-    }
-    return true;
+    return commitMarked(handle, version_of);
 }
 
 } // namespace
@@ -198,14 +217,7 @@ std::int32_t insertSQLEntry(const char* name, const char* value, const char* typ
         keldebug(kLogError, kToBoth, "begin trans error:%s\n", sqlite3_errmsg(handle));
     }
     const Statement insert = prepare(handle, kInsert);
-    if (insert) {
-        bindText(insert.get(), 1, name);
-        bindText(insert.get(), 2, value);
-        bindText(insert.get(), 3, type);
-    }
-    if (!insert || !runOnce(insert.get())) {
-        logStatementError(handle);
-    }
+    insertRow(handle, insert.get(), name, value, type);
     if (!endTransaction(handle, begun)) {
         keldebug(kLogError, kToBoth, "end trans error:%s\n", sqlite3_errmsg(handle));
     }
@@ -358,6 +370,23 @@ bool storeTogether(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(
         }
     }
     return false;
+}
+
+bool makeTable(const std::vector<NewRow>& rows, std::int32_t (*version_of)(std::int64_t)) {
+    const OpenedDatabase database = openDatabase(paths::kLiveDb);
+    sqlite3* handle = database.handle.get();
+    if (!database.opened || !execute(handle, kSynchronous) ||
+        !execute(handle, "BEGIN TRANSACTION") || !execute(handle, kCreateTable)) {
+        return false;
+    }
+    const Statement insert = prepare(handle, kInsert);
+    for (const NewRow& row : rows) {
+        if (!insertRow(handle, insert.get(), row.name.c_str(), row.value.c_str(),
+                       row.type.c_str())) {
+            return false;
+        }
+    }
+    return commitMarked(handle, version_of);
 }
 
 } // namespace kelconf

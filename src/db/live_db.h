@@ -75,4 +75,14 @@ std::vector<std::string> namesFrom(const char* path, std::int64_t offset);
 bool storeTogether(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(std::int64_t),
                    int attempts);
 
+struct NewRow {
+    std::string name;
+    std::string value;
+    std::string type;
+};
+
+// Makes a table that is missing, with these rows and the header's number, in one transaction.
+// False, with nothing changed, when there is a table already or the storage refuses.
+bool makeTable(const std::vector<NewRow>& rows, std::int32_t (*version_of)(std::int64_t));
+
 } // namespace kelconf

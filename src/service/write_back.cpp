@@ -9,6 +9,7 @@
 #include "log/keldebug.h"
 #include "service/item_queue.h"
 #include "service/param_list.h"
+#include "service/password_state.h"
 #include "service/passwords.h"
 #include "text/text.h"
 
@@ -18,6 +19,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace kelconf {
 
@@ -75,6 +77,23 @@ void storeValue(const char* name, const char* value) {
     }
     failedNames().insert(name);
     any_failed = true;
+}
+
+// The file was deleted under the service: everything is stored anew. Which type word a parameter
+// had, other than realtime, is not known any more.
+bool rebuildFromMemory() {
+    std::vector<NewRow> rows;
+    for (std::uint32_t i = 0; const ParamElement* param = paramElementAt(i); ++i) {
+        const bool scramble = support_campass != 0 && isPasswordName(param->name);
+        rows.push_back({param->name, scramble ? scrambledForm(param->value) : param->value,
+                        param->persistent == 1 ? "" : "realtime"});
+    }
+    if (rows.empty() || !makeTable(rows, support_campass != 0 ? scrambledMark : plainMark)) {
+        return false;
+    }
+    keldebug(kLogWarning, kToBoth, "live database had lost its table, made anew from memory\n");
+    failedNames().clear();
+    return true;
 }
 
 // True when none is left.
@@ -166,7 +185,7 @@ void storeFailedChanges() {
     }
     const CriticalSection lock;
     pthread_mutex_lock(&backup_mutex);
-    if (retryFailedNames()) {
+    if (rebuildFromMemory() || retryFailedNames()) {
         any_failed = false;
         sealLiveDatabase();
         backup_pending = 1;
