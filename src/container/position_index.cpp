@@ -175,6 +175,17 @@ void insertInSingleBlock(PositionIndex& index, std::uint32_t position, simlist_e
     ++index.count;
 }
 
+void removeInSingleBlock(PositionIndex& index, std::uint32_t position) {
+    IndexBlock& block = blockAt(index, 0);
+    if (position < index.count / 2) {
+        shiftUp(index, block, 0, position);
+        stepForward(index, block);
+    } else {
+        shiftDown(index, block, position, index.count - 1);
+    }
+    --index.count;
+}
+
 bool insertTowardsEnd(PositionIndex& index, std::uint32_t position, simlist_element* record) {
     const std::uint32_t last = (index.count + index.front) >> kBlockShift;
     if (last == index.block_count && !addBlock(index, false)) {
@@ -274,7 +285,6 @@ void removeTowardsFront(PositionIndex& index, std::uint32_t position) {
     if (index.front == kBlockSlots) {
         dropFirstBlock(index);
     }
-    settleSingleBlock(index);
 }
 
 } // namespace
@@ -295,7 +305,9 @@ bool positionIndexInsert(PositionIndex& index, std::uint32_t position, simlist_e
 }
 
 void positionIndexRemove(PositionIndex& index, std::uint32_t position) {
-    if (position < index.count / 2) {
+    if (index.block_count == 1) {
+        removeInSingleBlock(index, position);
+    } else if (position < index.count / 2) {
         removeTowardsFront(index, position);
     } else {
         removeTowardsEnd(index, position);
@@ -324,9 +336,9 @@ void positionIndexRemoveRange(PositionIndex& index, std::uint32_t start, std::ui
     }
     for (std::uint32_t i = 0; i < length; ++i) {
         if (after <= start) {
-            removeTowardsEnd(index, index.count - 1);
+            positionIndexRemove(index, index.count - 1);
         } else {
-            removeTowardsFront(index, 0);
+            positionIndexRemove(index, 0);
         }
     }
 }

@@ -50,6 +50,30 @@ void placeMiddle(simlist* list) {
         list->count == 0 ? nullptr : positionIndexAt(*list->index, (list->count - 1) / 2);
 }
 
+// Keeps `middle` after one record came in at `position`; `count` counts it already.
+void followInsertion(simlist* list, simlist_element* record, std::uint32_t position) {
+    const std::uint32_t half = (list->count - 1) / 2;
+    if (list->count == 1) {
+        list->middle = record;
+    } else if (list->count % 2 == 1) {
+        list->middle = position >= half ? list->middle->next : list->middle;
+    } else {
+        list->middle = position <= half ? list->middle->prev : list->middle;
+    }
+}
+
+// Keeps `middle` for the removal of the record at `position`, which is linked and counted yet.
+void leaveBeforeRemoval(simlist* list, std::uint32_t position) {
+    const std::uint32_t half = list->count / 2;
+    if (list->count == 1) {
+        list->middle = nullptr;
+    } else if (list->count % 2 == 1) {
+        list->middle = position >= half ? list->middle->prev : list->middle;
+    } else {
+        list->middle = position < half ? list->middle->next : list->middle;
+    }
+}
+
 bool isFree(const simlist* list) {
     return list->iterator_active == 0;
 }
@@ -58,9 +82,9 @@ bool isFree(const simlist* list) {
 void* takeOut(simlist* list, std::uint32_t position) {
     simlist_element* record = positionIndexAt(*list->index, position);
     positionIndexRemove(*list->index, position);
+    leaveBeforeRemoval(list, position);
     --list->count;
     join(record->prev, record->next);
-    placeMiddle(list);
     void* data = record->data;
     releaseRecord(list, record);
     return data;
@@ -213,16 +237,17 @@ std::int32_t simlistStoreAt(simlist* list, void* data, std::uint32_t position) {
     if (record == nullptr) {
         return -1;
     }
-    simlist_element* before = simlist_record_at(list, std::int64_t{position} - 1);
+    simlist_element* after =
+        position == list->count ? list->tail : positionIndexAt(*list->index, position);
     if (!positionIndexInsert(*list->index, position, record)) {
         releaseRecord(list, record);
         return -1;
     }
     record->data = data;
-    join(record, before->next);
-    join(before, record);
+    join(after->prev, record);
+    join(record, after);
     ++list->count;
-    placeMiddle(list);
+    followInsertion(list, record, position);
     return 1;
 }
 
