@@ -28,11 +28,12 @@ constexpr std::array kLeftOvers = {"/mnt/nand/conf/default.db-journal",
                                    "/mnt/nand/conf/default.db-shm"};
 
 // A finished build leaves nothing beside its file. What lies there would be rolled into the
-// database by its next reader, after its digest was found right.
+// database by its next reader, after its digest was found right. Where the storage refuses to
+// say, something may lie there.
 bool hasLeftOvers() {
     struct stat info {};
     for (const char* path : kLeftOvers) {
-        if (lstat(path, &info) == 0) {
+        if (lstat(path, &info) == 0 || errno != ENOENT) {
             keldebug(kLogError, kToBoth, "unfinished journal beside the default database\n");
             return true;
         }
@@ -70,10 +71,12 @@ void removeDatabase() {
 }
 
 // An old sidecar could match by chance what a failed build has left: two builds of the same
-// rows are the same to the byte. Where it cannot be removed, an empty one matches nothing.
+// rows are the same to the byte. Where it cannot be removed, an empty one matches nothing; where
+// it cannot be changed at all, there must be nothing that it could match.
 void removeSeal() {
-    if (unlink(paths::kDefaultDbMd5) != 0 && errno != ENOENT) {
-        [[maybe_unused]] const int result = truncate(paths::kDefaultDbMd5, 0);
+    if (unlink(paths::kDefaultDbMd5) != 0 && errno != ENOENT &&
+        truncate(paths::kDefaultDbMd5, 0) != 0) {
+        unlink(paths::kDefaultDb);
     }
 }
 
