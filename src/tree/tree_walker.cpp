@@ -23,13 +23,15 @@ class Walk {
         std::string type;
         for (const xmlNode* node = root->children; node != nullptr; node = node->next) {
             if (reader_.readType(node, type) && type == "trunk") {
-                walkRun(std::string(segmentOf(node)), node->children);
+                std::string path(segmentOf(node));
+                walkRun(path, node->children);
             }
         }
     }
 
-    // A run outside any instance goes from the document straight into the list.
-    void walkRun(std::string path, const xmlNode* first) {
+    // A run outside any instance goes from the document straight into the list. All levels share
+    // one path: long names, deeply nested, would else take many times their length.
+    void walkRun(std::string& path, const xmlNode* first) {
         const std::size_t parent = path.size();
         std::string type;
         for (const xmlNode* node = first; node != nullptr; node = node->next) {
@@ -162,7 +164,8 @@ TreeWalkResult parseXmlTree(const xmlNode* root) {
 
 TreeWalkResult parseXmlNode(std::string_view parent, const xmlNode* first) {
     Walk walk;
-    walk.walkRun(std::string(parent), first);
+    std::string path(parent);
+    walk.walkRun(path, first);
     return walk.result();
 }
 
