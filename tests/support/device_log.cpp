@@ -62,9 +62,9 @@ class GrowthWatch {
 
 // The content of `path` from `offset` on once `marker` stands in it; all up to the marker's line
 // end, which moves the offset on.
-std::string awaitMarker(const char* path, std::size_t& offset, const std::string& marker) {
+std::string awaitMarker(const char* path, const GrowthWatch& watch, std::size_t& offset,
+                        const std::string& marker) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    const GrowthWatch watch(path);
     while (true) {
         std::string content = readFrom(path, offset);
         const std::size_t at = content.find(marker);
@@ -130,14 +130,17 @@ DeviceLog::DeviceLog() {
 
 LogRecords DeviceLog::take() {
     static int markers = 0; // never the same twice in a process
+    // Kept open: the kernel takes some 10 ms to end a watch.
+    static const GrowthWatch console_watch(kConsoleFile);
+    static const GrowthWatch syslog_watch(kSyslogFile);
     const std::string marker =
         "device-log-marker-" + std::to_string(getpid()) + "-" + std::to_string(++markers) + ".";
     syslog(LOG_DEBUG, "%s\n", marker.c_str());
     markConsole(marker);
     LogRecords records;
-    records.console = awaitMarker(kConsoleFile, console_offset_, marker);
+    records.console = awaitMarker(kConsoleFile, console_watch, console_offset_, marker);
     // The marker's own record begins on the line where the content now ends.
-    const std::string lines = awaitMarker(kSyslogFile, syslog_offset_, marker);
+    const std::string lines = awaitMarker(kSyslogFile, syslog_watch, syslog_offset_, marker);
     std::size_t begin = 0;
     for (std::size_t end = 0; (end = lines.find('\n', begin)) != std::string::npos;
          begin = end + 1) {
