@@ -66,7 +66,8 @@ std::int64_t readUserVersion(const char* path);
 // The value of a row, or of none.
 std::optional<std::string> readLiveValue(const char* name);
 
-// The names of all rows but the first `offset` of the database at `path`, in the order of insertion.
+// The names of all rows but the first `offset` of the database at `path`, in the order of
+// insertion.
 std::vector<std::string> namesFrom(const char* path, std::int64_t offset);
 
 // Stores all rows, and the header's number that `version_of` gives for the table's row count, in
