@@ -143,6 +143,9 @@ InitRun runInit(const std::vector<std::string>& environment) {
 
 std::vector<std::string> underFault(const std::string& plan) {
     std::vector<std::string> environment{"LD_PRELOAD=" KELCONF_FAULT_SHIM};
+#ifdef KELCONF_SANITIZED
+    environment.emplace_back("ASAN_OPTIONS=verify_asan_link_order=0"); // the shim comes first
+#endif
     if (!plan.empty()) {
         environment.push_back("KELCONF_FAULT=" + plan);
     }
