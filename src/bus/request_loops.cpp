@@ -3,6 +3,7 @@
 #include "bus/bus_context.h"
 #include "bus/bus_xml.h"
 #include "bus/endpoints.h"
+#include "bus/relay.h"
 #include "bus/service_locks.h"
 #include "bus/zmq_handle.h"
 #include "log/keldebug.h"
@@ -254,7 +255,7 @@ std::int32_t runBroker(const Broker& broker) {
     const Socket back =
         openRelayEnd(ZMQ_DEALER, broker.back_address, broker.back_failed, broker.back_success);
     changeLoops([](LoopState& state) { ++state.opened; });
-    zmq_proxy(front.get(), back.get(), nullptr);
+    relayMessages(front.get(), back.get());
     changeLoops([](LoopState& state) { --state.opened; });
     // What is still queued for peers that do not take it is given up with the relay.
     setSocketOption(front.get(), ZMQ_LINGER, 0);

@@ -29,6 +29,8 @@ class Message {
 
     // Length in bytes, or -1 with zmq_errno set. What was held before is released.
     int receive(void* socket, int flags) noexcept { return zmq_msg_recv(&message_, socket, flags); }
+    // The number of bytes; the message is empty then. Or -1 with zmq_errno set, and it is kept.
+    int send(void* socket, int flags) noexcept { return zmq_msg_send(&message_, socket, flags); }
     [[nodiscard]] bool more() noexcept { return zmq_msg_more(&message_) != 0; }
     [[nodiscard]] const char* data() noexcept {
         return static_cast<const char*>(zmq_msg_data(&message_));

@@ -15,6 +15,7 @@
 #include "support/records.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <future>
@@ -53,7 +54,7 @@ class Loops : public testing::Test {
         }
         brokers_.emplace_back([] { EXPECT_EQ(initGetSyncSock(), 0); });
         brokers_.emplace_back([] { EXPECT_EQ(initSetSyncSock(), 0); });
-        awaitRequestLoops(4);
+        awaitRequestLoops(6);
     }
     void TearDown() override {
         stopRequestLoops();
@@ -194,19 +195,80 @@ TEST_F(Loops, ForgetPeersThatLeaveBeforeTheirAnswer) {
     EXPECT_TRUE(client_.ask(endpoints::kGetAll, "<GET_ALL_ACTION/>").ends_with("ALL_ACTION>\n"));
 }
 
-TEST_F(Loops, BrokersRelayBothWays) {
-    const std::pair<const char*, const char*> brokers[] = {
-        {endpoints::kGetFrontEnd, endpoints::kGetBackEnd},
-        {endpoints::kSetFrontEnd, endpoints::kSetBackEnd}};
-    for (const auto& [front, back] : brokers) {
-        const Socket requester = client_.connect(ZMQ_REQ, front);
-        const Socket responder = client_.connect(ZMQ_REP, back);
-        zmq_send(requester.get(), "question", 8, 0);
-        EXPECT_EQ(receiveText(responder.get()), "question");
-        zmq_send(responder.get(), "answer", 6, 0);
-        EXPECT_EQ(receiveText(requester.get()), "answer");
+// Parts come and go as they were sent.
+void sendParts(const Socket& socket, const std::vector<std::string>& parts) {
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        zmq_send(socket.get(), parts[i].data(), parts[i].size(),
+                 i + 1 < parts.size() ? ZMQ_SNDMORE : 0);
     }
 }
+
+std::vector<std::string> receiveParts(const Socket& socket) {
+    std::vector<std::string> parts;
+    int more = 1;
+    for (std::size_t size = sizeof more; more != 0 && parts.size() < 9;) {
+        parts.push_back(receiveText(socket.get()));
+        zmq_getsockopt(socket.get(), ZMQ_RCVMORE, &more, &size);
+    }
+    return parts;
+}
+
+std::chrono::microseconds cpuTime() {
+    rusage use{};
+    getrusage(RUSAGE_SELF, &use);
+    return std::chrono::seconds{use.ru_utime.tv_sec + use.ru_stime.tv_sec} +
+           std::chrono::microseconds{use.ru_utime.tv_usec + use.ru_stime.tv_usec};
+}
+
+class Brokers : public Loops,
+                public testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(Brokers, HoldRequestsAtNoCostUntilSomebodyAnswers) {
+    const auto [front, back] = GetParam();
+    const std::vector<std::string> question{"one", "", std::string(100'000, '3')};
+    const std::vector<std::string> answer{"", "two"};
+    std::vector<Socket> requesters;
+    for (int i = 0; i < 20; ++i) {
+        requesters.push_back(client_.connect(ZMQ_REQ, front));
+        sendParts(requesters.back(), question);
+    }
+    { // a peer that leaves while it waits
+        const Socket gone = client_.connect(ZMQ_REQ, front);
+        sendParts(gone, {"gone"});
+    }
+    setSocketOption(requesters[0].get(), ZMQ_RCVTIMEO, 1000);
+    const auto before = cpuTime();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(receiveText(requesters[0].get()).starts_with("(no reply"));
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_LT(cpuTime() - before, waited / 2) << "a relay that spins takes all of it";
+    setSocketOption(requesters[0].get(), ZMQ_RCVTIMEO, kPatienceMs);
+    const Socket responder = client_.connect(ZMQ_REP, back);
+    for (int answered = 0; answered < 20;) {
+        const auto received = receiveParts(responder);
+        sendParts(responder, answer);
+        if (received != std::vector<std::string>{"gone"}) {
+            ASSERT_EQ(received, question);
+            ++answered;
+        }
+    }
+    for (const Socket& requester : requesters) {
+        EXPECT_EQ(receiveParts(requester), answer);
+    }
+}
+
+TEST_P(Brokers, EndWhileARequestWaits) {
+    const Socket requester = client_.connect(ZMQ_REQ, GetParam().first);
+    sendParts(requester, {"nobody", "answers"});
+    setSocketOption(requester.get(), ZMQ_RCVTIMEO, 50);
+    EXPECT_TRUE(receiveText(requester.get()).starts_with("(no reply"));
+    // The fixture's end is the check: it waits for the brokers.
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Brokers,
+                         testing::Values(std::pair{endpoints::kGetFrontEnd, endpoints::kGetBackEnd},
+                                         std::pair{endpoints::kSetFrontEnd,
+                                                   endpoints::kSetBackEnd}));
 
 TEST(Publisher, LosesEventsQuietlyWithoutASocket) {
     eventSock = nullptr;
