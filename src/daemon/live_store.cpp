@@ -1,6 +1,7 @@
 #include "daemon/live_store.h"
 
 #include "db/live_db.h"
+#include "db/live_rows.h"
 #include "db/sqlite_handle.h"
 #include "files/backup.h"
 #include "files/bus_group.h"

@@ -4,6 +4,7 @@
 #include "bus/event_publisher.h"
 #include "bus/request_loops.h"
 #include "db/live_db.h"
+#include "db/update_retries.h"
 #include "files/backup.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"

@@ -11,9 +11,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
-#include <vector>
 
 namespace kelconf {
 
@@ -29,13 +26,9 @@ std::int32_t insertSQLEntry(const char* name, const char* value, const char* typ
 // that name, is committed.
 std::int32_t updateSQLEntry(const char* name, const char* value);
 
-// Up to ten attempts of updateSQLEntry, with a second's pause after each failed one.
+// Up to ten attempts of updateSQLEntry, with a second's pause after each failed one
+// (db/update_retries.h).
 std::int32_t robustUpdateSQLEntry(const char* name, const char* value);
-
-// For the end of the service: cuts running pauses short and leaves every update one attempt.
-// allowUpdateRetries undoes it.
-void endUpdateRetries();
-void allowUpdateRetries();
 
 // Opens the file and sets its connection to synchronous = NORMAL, which ends with it. 1 when the
 // database could be opened.
@@ -51,39 +44,5 @@ void loadDatabaseFile(const char* path);
 
 // 1 when the database at `path` opens and a full scan of CONFIG completes.
 std::int32_t checkDataBaseIntegrity(const char* path);
-
-// ---- Several rows as one change -----------------------------------------------------------------
-
-struct LiveRow {
-    std::string name;
-    std::string value; // as it is, no quote doubled
-};
-
-// The application's number in the header of the file at `path` (PRAGMA user_version); it travels
-// with every copy. -1 when it cannot be read.
-std::int64_t readUserVersion(const char* path);
-
-// The value of a row, or of none.
-std::optional<std::string> readLiveValue(const char* name);
-
-// The names of all rows but the first `offset` of the database at `path`, in the order of
-// insertion.
-std::vector<std::string> namesFrom(const char* path, std::int64_t offset);
-
-// Stores all rows, and the header's number that `version_of` gives for the table's row count, in
-// one transaction: all of it or nothing. Up to `attempts` tries, with a second's pause after each
-// failed one.
-bool storeTogether(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(std::int64_t),
-                   int attempts);
-
-struct NewRow {
-    std::string name;
-    std::string value;
-    std::string type;
-};
-
-// Makes a table that is missing, with these rows and the header's number, in one transaction.
-// False, with nothing changed, when there is a table already or the storage refuses.
-bool makeTable(const std::vector<NewRow>& rows, std::int32_t (*version_of)(std::int64_t));
 
 } // namespace kelconf

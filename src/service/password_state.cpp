@@ -1,7 +1,7 @@
 #include "service/password_state.h"
 
 #include "bus/service_locks.h"
-#include "db/live_db.h"
+#include "db/live_rows.h"
 #include "files/backup.h"
 #include "files/live_seal.h"
 #include "paths.h"

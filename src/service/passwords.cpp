@@ -1,7 +1,7 @@
 #include "service/passwords.h"
 
 #include "bus/service_locks.h"
-#include "db/live_db.h"
+#include "db/live_rows.h"
 #include "files/backup.h"
 #include "files/live_seal.h"
 #include "files/md5_sidecar.h"

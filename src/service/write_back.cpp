@@ -4,6 +4,7 @@
 #include "bus/event_publisher.h"
 #include "bus/service_locks.h"
 #include "db/live_db.h"
+#include "db/live_rows.h"
 #include "files/backup.h"
 #include "files/live_seal.h"
 #include "log/keldebug.h"

@@ -1,6 +1,7 @@
 // The live database and its copies on real files: the operations, damage, seals and passwords.
 
 #include "db/live_db.h"
+#include "db/update_retries.h"
 #include "files/backup.h"
 #include "files/live_seal.h"
 #include "files/md5_sidecar.h"

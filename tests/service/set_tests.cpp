@@ -4,6 +4,7 @@
 #include "bus/event_publisher.h"
 #include "bus_client.h"
 #include "db/live_db.h"
+#include "db/update_retries.h"
 #include "files/backup.h"
 #include "files/live_seal.h"
 #include "files/md5_sidecar.h"

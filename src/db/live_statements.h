@@ -1,0 +1,32 @@
+// What the operations on table CONFIG have in common: its statements, and the calls that log their
+// failures in the words of these operations. For db/live_db.cpp and db/live_rows.cpp.
+#pragma once
+
+#include "db/sqlite_handle.h"
+
+#include <string_view>
+
+namespace kelconf {
+
+inline constexpr const char* kCreateLiveTable =
+    "CREATE TABLE CONFIG( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT               ,TYPE  TEXT           "
+    ")";
+inline constexpr std::string_view kInsertLiveRow =
+    "INSERT INTO CONFIG (NAME,VALUE,TYPE) VALUES (?,?,?);";
+inline constexpr std::string_view kUpdateLiveRow = "UPDATE CONFIG set VALUE = ? where NAME=?;";
+inline constexpr const char* kLiveSynchronous = "PRAGMA synchronous = NORMAL";
+
+OpenedDatabase openLogged(const char* path);
+void logStatementError(sqlite3* database);
+// Sets the connection to kLiveSynchronous.
+void setSynchronous(sqlite3* database);
+
+// Bind and run a statement that was prepared from the texts above, null when it could not be.
+bool updateRow(sqlite3* database, sqlite3_stmt* update, const char* name, const char* value);
+bool insertRow(sqlite3* database, sqlite3_stmt* insert, const char* name, const char* value,
+               const char* type);
+
+// A column's text; empty for NULL.
+std::string_view textOf(sqlite3_stmt* row, int column);
+
+} // namespace kelconf
