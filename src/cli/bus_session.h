@@ -1,0 +1,49 @@
+// The client of one command, on libkelbus; failures are said in the words of kelctl.
+#pragma once
+
+#include "cli/options.h"
+
+#include <kelbus.h>
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+namespace kelconf::cli {
+
+struct CloseClient {
+    void operator()(kelbus* client) const noexcept { kelbus_close(client); }
+};
+struct FreeValues {
+    void operator()(kelbus_values* values) const noexcept { kelbus_values_free(values); }
+};
+using Values = std::unique_ptr<kelbus_values, FreeValues>;
+
+struct Bus {
+    std::unique_ptr<kelbus, CloseClient> client;
+    int limit = 0; // milliseconds for one request
+};
+
+// kDone, or the failure, said. Needs no running service.
+int openBus(const Options& options, Bus& bus);
+
+// The exit status of a failed call, said in one line with what to do.
+int saidFailure(const Bus& bus, kelbus_error error);
+int exitStatus(kelbus_error error);
+// What went wrong and what to do, without saying it.
+std::string failureText(const Bus& bus, kelbus_error error);
+
+std::vector<const char*> cTexts(const std::vector<std::string>& texts);
+
+// The live parameters whose names begin with `prefix` come out of a listing that may hold others
+// (filter with startsWith). kDone, or the failure, said.
+int fetchListing(const Bus& bus, std::string_view prefix, Values& values);
+
+// The values of these names, in their order; of an unknown one the value is null. kDone also then.
+int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values);
+
+inline bool startsWith(std::string_view name, std::string_view prefix) {
+    return name.substr(0, prefix.size()) == prefix;
+}
+
+} // namespace kelconf::cli

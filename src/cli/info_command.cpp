@@ -1,0 +1,146 @@
+// info: everything about single parameters.
+
+#include "cli/bus_session.h"
+#include "cli/commands.h"
+#include "cli/factory.h"
+#include "cli/listing.h"
+#include "cli/output.h"
+#include "cli/secrets.h"
+#include "cli/shown_text.h"
+
+#include <array>
+#include <optional>
+
+namespace kelconf::cli {
+
+namespace {
+
+struct Info {
+    std::string name;
+    std::optional<std::string> value; // none: the service does not know the name, or is not there
+    std::optional<FactoryRow> factory;
+};
+
+struct Line {
+    const char* key;
+    std::optional<std::string> text;
+};
+
+std::vector<Line> linesOf(const Info& info, const Secrets& secrets) {
+    const auto shown = [&](const std::string& value) {
+        return std::string{secrets.shown(info.name, value)};
+    };
+    std::vector<Line> lines{{"name", info.name}, {"value", {}}, {"default", {}}, {"type", {}},
+                            {"range", {}},       {"step", {}},  {"options", {}}, {"access", {}}};
+    if (info.value) {
+        lines[1].text = shown(*info.value);
+    }
+    if (info.factory) {
+        const FactoryRow& row = *info.factory;
+        if (row.type != kRealtime) {
+            lines[2].text = shown(row.value);
+        }
+        const std::array texts{row.type, row.range, row.step, row.options, row.access};
+        for (std::size_t i = 0; i < texts.size(); ++i) {
+            lines[3 + i].text = texts[i];
+        }
+    }
+    return lines;
+}
+
+void printJsonInfo(JsonArray& array, const std::vector<Line>& lines) {
+    std::string object = "{";
+    for (const Line& line : lines) {
+        addMember(object, line.key, line.text ? jsonText(*line.text) : "null");
+    }
+    array.add(object);
+}
+
+void printTextInfo(const Options& options, const Style& style, const std::vector<Line>& lines) {
+    constexpr std::size_t kKeyWidth = 9;
+    for (const Line& line : lines) {
+        if (!line.text) {
+            continue;
+        }
+        const std::string key = line.key;
+        if (style.people) {
+            out(inked(style, Ink::kName, key) + std::string(kKeyWidth - key.size(), ' '));
+            out(shownText(*line.text) + "\n");
+        } else {
+            out(key + "=" + *line.text);
+            out(std::string_view{options.null_ended ? "\0" : "\n", 1});
+        }
+    }
+}
+
+void print(const Options& options, const std::vector<Info>& infos) {
+    const Secrets secrets{options, options.operands};
+    const Style style = styleOf(options);
+    std::optional<JsonArray> array;
+    if (options.json) {
+        array.emplace();
+    }
+    bool first = true;
+    for (const Info& info : infos) {
+        if (array) {
+            printJsonInfo(*array, linesOf(info, secrets));
+            continue;
+        }
+        out(first || options.null_ended ? "" : "\n");
+        printTextInfo(options, style, linesOf(info, secrets));
+        first = false;
+    }
+}
+
+// Live values, where the service gives them; its failure is said and is the result.
+int addValues(const Options& options, std::vector<Info>& infos) {
+    Bus bus;
+    Values values;
+    int status = openBus(options, bus);
+    status = status != kDone ? status : fetchNamed(bus, options.operands, values);
+    for (std::size_t i = 0; values && i < values->count && i < infos.size(); ++i) {
+        if (values->items[i].value != nullptr) {
+            infos[i].value = values->items[i].value;
+        }
+    }
+    return status;
+}
+
+int addFactory(std::vector<Info>& infos) {
+    Factory factory;
+    for (Info& info : infos) {
+        info.factory = factory ? factory.find(info.name) : std::nullopt;
+    }
+    if (!factory.problem().empty()) {
+        complain("no factory defaults: " + factory.problem());
+        return kBroken;
+    }
+    return kDone;
+}
+
+} // namespace
+
+int runInfo(const Options& options) {
+    std::vector<Info> infos;
+    for (const std::string& name : options.operands) {
+        infos.push_back({name, {}, {}});
+    }
+    const int files = addFactory(infos);
+    int status = addValues(options, infos);
+    status = status == kDone ? files : status;
+    std::vector<Info> known;
+    for (Info& info : infos) {
+        if (info.value || info.factory) {
+            known.push_back(std::move(info));
+            continue;
+        }
+        if (status == kDone) {
+            complain("unknown name " + info.name);
+            status = kDifferent;
+        }
+    }
+    print(options, known);
+    return status;
+}
+
+} // namespace kelconf::cli

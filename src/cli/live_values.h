@@ -1,0 +1,34 @@
+// Live values beside their factory defaults.
+#pragma once
+
+#include "cli/bus_session.h"
+#include "cli/factory.h"
+
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kelconf::cli {
+
+// The live parameters whose names begin with the prefix, in ascending order.
+using LiveVisitor = std::function<void(std::string_view name, std::string_view value)>;
+int forEachLive(const Bus& bus, std::string_view prefix, const LiveVisitor& visit);
+
+// Every row of default.db by its name. kBroken, said, when it cannot be read; `sound` asks for
+// a file that matches its sidecar as well.
+using FactoryRows = std::unordered_map<std::string, FactoryRow>;
+int readFactory(FactoryRows& rows, bool sound);
+
+struct Deviation {
+    std::string name;
+    std::string live;
+    std::string factory;
+};
+
+// The live parameters below the prefix that differ from their factory default. Names without one
+// and states (isState) are passed over.
+int findDeviations(const Bus& bus, std::string_view prefix, const FactoryRows& factory,
+                   std::vector<Deviation>& deviations);
+
+} // namespace kelconf::cli

@@ -1,0 +1,20 @@
+// kelctl: the configuration bus at a shell (docs/kelctl.md).
+
+#include "cli/command_line.h"
+#include "cli/output.h"
+
+#include <cstdlib>
+#include <exception>
+
+int main(int argc, char** argv) {
+    using namespace kelconf::cli;
+    guardStandardDescriptors();
+    try {
+        const Invocation line = readCommandLine(argc, argv);
+        return finishOutput(line.command == nullptr ? line.status
+                                                    : line.command->run(line.options));
+    } catch (const std::exception& failure) {
+        complain(failure.what()); // only memory that cannot be had comes here
+        return kBroken;
+    }
+}

@@ -1,0 +1,109 @@
+#include "cli/output.h"
+
+#include "cli/shown_text.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace kelconf::cli {
+
+namespace {
+
+constexpr std::size_t kGathered = std::size_t{64} * 1024;
+
+struct Standard {
+    std::string gathered; // not written yet
+    int failure = 0;      // errno of the first write that failed
+};
+
+Standard& standard() {
+    static Standard output;
+    return output;
+}
+
+// 0, or errno.
+int writeAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(descriptor, bytes.data(), bytes.size());
+        if (written >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+void guardStandardDescriptors() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) != -1) {
+            continue;
+        }
+        // The wrong direction: reading and writing go on failing as on a closed one.
+        const int flags = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        if (open("/dev/null", flags) != descriptor) {
+            _exit(kBroken); // descriptors are given out from the lowest: this cannot be
+        }
+    }
+}
+
+void out(std::string_view bytes) {
+    Standard& output = standard();
+    if (output.gathered.capacity() == 0) {
+        output.gathered.reserve(kGathered);
+    }
+    if (output.gathered.size() + bytes.size() > kGathered) {
+        flushOutput();
+    }
+    if (bytes.size() > kGathered && output.failure == 0) {
+        output.failure = writeAll(STDOUT_FILENO, bytes);
+        return;
+    }
+    if (output.failure == 0) {
+        output.gathered.append(bytes);
+    }
+}
+
+bool flushOutput() {
+    Standard& output = standard();
+    if (output.failure == 0) {
+        output.failure = writeAll(STDOUT_FILENO, output.gathered);
+    }
+    output.gathered.clear();
+    return output.failure == 0;
+}
+
+int finishOutput(int status) {
+    Standard& output = standard();
+    const bool used = output.gathered.capacity() != 0;
+    flushOutput();
+    if (used && close(STDOUT_FILENO) != 0 && output.failure == 0) {
+        output.failure = errno;
+    }
+    if (output.failure == 0) {
+        return status;
+    }
+    complain(std::string{"cannot write standard output: "} + std::strerror(output.failure));
+    return kBroken;
+}
+
+void complain(std::string_view text) {
+    const std::string line = "kelctl: " + shownText(text) + "\n";
+    writeAll(STDERR_FILENO, line);
+}
+
+void toStandardError(std::string_view bytes) {
+    writeAll(STDERR_FILENO, bytes);
+}
+
+bool onTerminal(int descriptor) {
+    return isatty(descriptor) == 1;
+}
+
+} // namespace kelconf::cli

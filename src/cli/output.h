@@ -1,0 +1,31 @@
+// Standard output and standard error of kelctl.
+//
+// Standard output is gathered in 64 KiB and checked at every write: a full device or a closed
+// descriptor is an error, once. A reader that went away ends the process by SIGPIPE, as with other
+// tools. One thread.
+#pragma once
+
+#include "cli/options.h"
+
+#include <string_view>
+
+namespace kelconf::cli {
+
+// Gives closed standard descriptors a place of their own, so that no socket or database ever
+// becomes "standard output". Before anything is opened.
+void guardStandardDescriptors();
+
+void out(std::string_view bytes);
+// Writes what is gathered. False when it, or anything before it, could not be written.
+bool flushOutput();
+// Writes the rest and closes. `status`, or kBroken where output got lost (said on standard error).
+int finishOutput(int status);
+
+// One line on standard error: "kelctl: TEXT". Control characters are shown as escapes.
+void complain(std::string_view text);
+
+void toStandardError(std::string_view bytes); // as it is
+
+bool onTerminal(int descriptor);
+
+} // namespace kelconf::cli

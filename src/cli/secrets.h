@@ -1,0 +1,42 @@
+// Which parameters hold secrets, and the stars in their place.
+//
+// A secret is a parameter whose name holds "password" or "passwd" in any letter case, or to which
+// default.db gives the type word "password". Without a readable default.db the names decide.
+#pragma once
+
+#include "cli/options.h"
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+namespace kelconf::cli {
+
+inline constexpr std::string_view kStars = "********";
+
+bool secretByName(std::string_view name);
+
+// True when the service stores the value scrambled, which cuts it at its first "=".
+bool storedScrambled(std::string_view name);
+
+class Secrets {
+  public:
+    // For any number of names. Reads nothing when secrets are shown.
+    explicit Secrets(const Options& options);
+    // For these few names: looks each one up, which is quicker than all.
+    Secrets(const Options& options, const std::vector<std::string>& names);
+
+    // True when the value is to be hidden.
+    [[nodiscard]] bool hides(std::string_view name) const;
+    // What to print for it. An empty value stays empty: there is no secret in it.
+    [[nodiscard]] std::string_view shown(std::string_view name, std::string_view value) const {
+        return !value.empty() && hides(name) ? kStars : value;
+    }
+
+  private:
+    bool shown_ = false;
+    std::unordered_set<std::string> typed_; // secrets whose names do not tell
+};
+
+} // namespace kelconf::cli

@@ -1,0 +1,99 @@
+// status: the service and its files, at a glance.
+
+#include "cli/bus_session.h"
+#include "cli/commands.h"
+#include "cli/listing.h"
+#include "cli/output.h"
+#include "cli/shown_text.h"
+#include "cli/store_state.h"
+#include "paths.h"
+
+#include <array>
+
+namespace kelconf::cli {
+
+namespace {
+
+constexpr std::array<StoreFile, 3> kFiles = {
+    {{paths::kDefaultDb, paths::kDefaultDbMd5, nullptr, paths::kDefaultDbJournal, "CONFIGDEFAULT"},
+     {paths::kLiveDb, paths::kLiveDbMd5, paths::kLiveDbSeal, paths::kLiveDbJournal, "CONFIG"},
+     {paths::kBackupDb, paths::kBackupDbMd5, nullptr, nullptr, "CONFIG"}}};
+
+struct Service {
+    std::string words; // "up", or why not
+    std::size_t parameters = 0;
+    int status = kDone;
+};
+
+Service askService(const Options& options) {
+    Bus bus;
+    Service service;
+    if (service.status = openBus(options, bus); service.status != kDone) {
+        service.words = "cannot be asked";
+        return service;
+    }
+    kelbus_values* raw = nullptr;
+    const kelbus_error error = kelbus_get_all(bus.client.get(), &raw, bus.limit);
+    const Values values{raw};
+    service.status = exitStatus(error);
+    if (error == KELBUS_OK) {
+        service.words = "up";
+        service.parameters = values->count;
+    } else {
+        service.words = error == KELBUS_NO_SERVICE ? "down" : kelbus_strerror(error);
+    }
+    return service;
+}
+
+std::string wordsOf(const StoreState& state) {
+    return state.rows == 0 ? state.words
+                           : state.words + ", " + std::to_string(state.rows) + " parameters";
+}
+
+void printJsonStatus(const Service& service, const std::array<StoreState, kFiles.size()>& states) {
+    std::string object = "{";
+    addMember(object, "service", jsonText(service.words));
+    addMember(object, "parameters", std::to_string(service.parameters));
+    std::string files;
+    for (std::size_t i = 0; i < kFiles.size(); ++i) {
+        std::string file = "{";
+        addMember(file, "path", jsonText(kFiles[i].path));
+        addMember(file, "in_order", states[i].in_order ? "true" : "false");
+        addMember(file, "state", jsonText(states[i].words));
+        addMember(file, "parameters", std::to_string(states[i].rows));
+        files.append(files.empty() ? "" : ",").append(file).append("}");
+    }
+    addMember(object, "files", "[" + files + "]");
+    out(object + "}\n");
+}
+
+} // namespace
+
+int runStatus(const Options& options) {
+    const Service service = askService(options);
+    std::array<StoreState, kFiles.size()> states;
+    bool in_order = true;
+    std::array<std::string, kFiles.size()> words;
+    const std::string parameters = std::to_string(service.parameters);
+    std::vector<Row> rows{{"service", service.words}};
+    if (service.status == kDone) {
+        rows.push_back({"parameters", parameters});
+    }
+    for (std::size_t i = 0; i < kFiles.size(); ++i) {
+        states[i] = judgeStore(kFiles[i], service.status == kDone);
+        words[i] = wordsOf(states[i]);
+        in_order = in_order && states[i].in_order;
+        rows.push_back({kFiles[i].path, words[i]});
+    }
+    if (options.json) {
+        printJsonStatus(service, states);
+    } else {
+        printRows(options, rows);
+    }
+    if (service.status != kDone) {
+        return service.status;
+    }
+    return in_order ? kDone : kBroken;
+}
+
+} // namespace kelconf::cli

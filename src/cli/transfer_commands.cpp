@@ -1,0 +1,137 @@
+// export and import.
+
+#include "cli/changes.h"
+#include "cli/commands.h"
+#include "cli/export_format.h"
+#include "cli/input.h"
+#include "cli/listing.h"
+#include "cli/live_values.h"
+#include "cli/output.h"
+#include "cli/secrets.h"
+
+#include <unistd.h>
+
+namespace kelconf::cli {
+
+namespace {
+
+std::string labelOf(const std::string& path, std::size_t line) {
+    return (path == "-" ? "standard input" : path) + ":" + std::to_string(line) + ": ";
+}
+
+int readExport(const std::string& path, std::vector<Change>& changes) {
+    std::string content;
+    if (!readInput(path, content)) {
+        return kBroken;
+    }
+    ParsedExport parsed = parseExport(content);
+    for (const std::string& fault : parsed.faults) {
+        complain((path == "-" ? "standard input" : path) + ":" + fault);
+    }
+    for (ExportEntry& entry : parsed.entries) {
+        changes.push_back(
+            {std::move(entry.name), std::move(entry.value), labelOf(path, entry.line), ""});
+    }
+    return parsed.faults.empty() && allCarried(changes) ? kDone : kUsage;
+}
+
+// Takes out what is as it is to be already; the rest learns its live value.
+int compareWithLive(const Bus& bus, std::vector<Change>& changes) {
+    std::unordered_map<std::string, std::string> live;
+    int status = forEachLive(
+        bus, "", [&](std::string_view name, std::string_view value) { live.emplace(name, value); });
+    if (status != kDone) {
+        return status;
+    }
+    std::vector<Change> different;
+    for (Change& change : changes) {
+        const auto found = live.find(change.name);
+        if (found == live.end()) {
+            complain(change.where + "unknown name " + change.name);
+            status = kDifferent;
+        } else if (found->second != change.value) {
+            change.before = std::move(found->second);
+            different.push_back(std::move(change));
+        }
+    }
+    changes = std::move(different);
+    return status;
+}
+
+void showChanges(const Options& options, const std::vector<Change>& changes) {
+    const Secrets secrets{options};
+    std::vector<Difference> differences;
+    differences.reserve(changes.size());
+    for (const Change& change : changes) {
+        differences.push_back({change.name, secrets.shown(change.name, change.before),
+                               secrets.shown(change.name, change.value)});
+    }
+    printDifferences(options, differences, "value", "new_value");
+}
+
+int prepareImport(const Bus& bus, const Options& options, std::vector<Change>& changes) {
+    int status = readExport(options.operands.front(), changes);
+    status = status != kDone ? status : compareWithLive(bus, changes);
+    if (status == kDone && !allAllowed(changes, options.force)) {
+        status = kUsage;
+    }
+    if (status != kDone) {
+        complain("nothing was imported");
+    }
+    return status;
+}
+
+} // namespace
+
+int runExport(const Options& options) {
+    if (options.json || options.null_ended) {
+        complain("export has a form of its own; list takes --json and --null");
+        return kUsage;
+    }
+    const std::string prefix = options.operands.empty() ? "" : options.operands.front();
+    const Secrets secrets{options};
+    std::unordered_set<std::string> states;
+    if (Factory factory; factory) {
+        for (std::string& name : factory.namesOfType(kRealtime)) {
+            states.insert(std::move(name));
+        }
+    }
+    Bus bus;
+    if (int status = openBus(options, bus); status != kDone) {
+        return status;
+    }
+    std::string text{kExportHeader};
+    const int status = forEachLive(bus, prefix, [&](std::string_view name, std::string_view value) {
+        if (!isState(name, states.contains(std::string{name}) ? kRealtime : "")) {
+            out(text);
+            text = secrets.hides(name) ? exportNote(name, "secret, left out without --show-secrets")
+                                       : exportLine(name, value);
+        }
+    });
+    if (status == kDone) { // without an answer nothing is written, not even the header
+        out(text);
+    }
+    return status;
+}
+
+int runImport(const Options& options) {
+    Bus bus;
+    std::vector<Change> changes;
+    if (int status = openBus(options, bus); status != kDone) {
+        return status;
+    }
+    if (int status = prepareImport(bus, options, changes); status != kDone) {
+        return status;
+    }
+    if (options.dry_run) {
+        showChanges(options, changes);
+        return kDone;
+    }
+    const int status = applyChanges(bus, changes, kindOf(options), "import");
+    if (status == kDone && onTerminal(STDOUT_FILENO)) {
+        out(std::to_string(changes.size()) + " values set\n");
+    }
+    return status;
+}
+
+} // namespace kelconf::cli
