@@ -135,6 +135,9 @@ int printPending(const Report& report, kelbus_watch* watch, std::uint64_t& seen)
         if (error == KELBUS_OK) {
             printChange(report, change);
             ++seen;
+        } else if (error == KELBUS_BROKEN_REPLY) {
+            complain("something that is no event came, and is ignored");
+            error = KELBUS_OK;
         }
     }
     if (!flushOutput()) {

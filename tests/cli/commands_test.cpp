@@ -1,0 +1,165 @@
+// kelctl at a shell: command line, exit status, standard output and standard error.
+
+#include "cli/cli_device.h"
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace kelconf::test {
+namespace {
+
+struct Step {
+    const char* line;
+    int status;
+    std::string_view out;
+    std::string_view err = ""; // a part of it; empty: nothing at all
+};
+
+using namespace std::string_view_literals;
+
+void play(const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+        const ProgramResult result = shell(step.line);
+        EXPECT_EQ(result.status, step.status) << step.line << "\n" << result.err;
+        EXPECT_EQ(result.out, step.out) << step.line;
+        if (step.err.empty()) {
+            EXPECT_EQ(result.err, "") << step.line;
+        } else {
+            EXPECT_NE(result.err.find(step.err), std::string::npos) << step.line << "\n"
+                                                                    << result.err;
+        }
+    }
+}
+
+// None of these needs a service.
+TEST(KelctlUsage, WrongLinesAreRefusedWithWhatToDo) {
+    resetDevice(smallTree());
+    play({
+        {"kelctl", 2, "", "kelctl: a command is missing (kelctl --help shows the usage)\n"},
+        {"kelctl lst", 2, "", "there is no command lst"},
+        {"kelctl get", 2, "", "(kelctl get --help shows the usage)"},
+        {"kelctl get a --bogus", 2, "", "--bogus"},
+        {"kelctl get ''", 2, "", "an operand is empty"},
+        {"kelctl get -0 --json a", 2, "", "exclude each other"},
+        {"kelctl get --direct a", 2, "", "--direct"},
+        {"kelctl set a", 2, "", "\"a\" is not NAME=VALUE"},
+        {"kelctl set =a", 2, "", "is not NAME=VALUE"},
+        {"kelctl set --direct --no-db a=b", 2, "", "exclude each other"},
+        {"kelctl set a=- b=- </dev/null", 2, "", "only one value"},
+        {"kelctl list a b", 2, "", "(kelctl list --help"},
+        {"kelctl reset --yes", 2, "", "--prefix or --all"},
+        {"kelctl reset --yes --all a", 2, "", "one of them"},
+        {"kelctl reset --all", 2, "", "--yes says yes"},
+        {"kelctl export --json", 2, "", "list takes --json"},
+        {"kelctl --request-timeout -1 get a", 2, "", "number of seconds"},
+        {"kelctl --color=blue get a", 2, "", "auto, always or never"},
+        {"kelctl watch --count x", 2, "", "--count"},
+        {"kelctl import /nowhere", 5, "", "kelctl: /nowhere: No such file"},
+        {"kelctl --version | grep -c '^kelctl [0-9.]*$'", 0, "1\n"},
+        {"kelctl --help | grep -c '^  [a-z]'", 0, "12\n"}, // every command
+        {"for c in get set list group watch diff reset export import info status; do"
+         " kelctl $c --help | grep -c '^Exit status: 0 done'; done | uniq -c | tr -s ' '",
+         0, " 11 1\n"},
+        {"kelctl --help >/dev/full", 5, "", "cannot write standard output: No space"},
+        {"kelctl --help >&-", 5, "", "cannot write standard output: Bad file"},
+    });
+}
+
+TEST(KelctlUsage, WithoutTheServiceEveryCommandEndsWithStatus3) {
+    resetDevice(smallTree());
+    ASSERT_EQ(shell("kelconf-init").status, 0);
+    play({
+        {"kelctl get cam.name", 3, "", "start kelconfd"},
+        {"kelctl set cam.name=x", 3, "", "start kelconfd"},
+        {"kelctl list", 3, "", "start kelconfd"},
+        {"kelctl group cam", 3, "", "start kelconfd"},
+        {"kelctl diff", 3, "", "start kelconfd"},
+        {"kelctl export", 3, "", "start kelconfd"},
+        {"echo a=1 | kelctl import -", 3, "", "nothing was imported"},
+        {"kelctl reset --yes --all", 3, "", "start kelconfd"},
+        {"kelctl watch --timeout 0.1", 0, "", "no service answers; waiting for one"},
+        {"kelctl info cam.port", 3,
+         "name=cam.port\ndefault=80\ntype=int\nrange=1,65535\nstep=1\noptions=\naccess=rw\n",
+         "start kelconfd"},
+        {"kelctl status", 3,
+         "service=down\n/mnt/nand/conf/default.db=sound, 8 parameters\n"
+         "/mnt/nand/conf/conf.db=missing\n/mnt/backup/conf/conf_backup.db=missing\n"},
+        {"rm /mnt/nand/conf/default.db; kelctl diff", 5, "", "kelconf-init builds the file"},
+    });
+}
+
+TEST(KelctlCommands, ReadAndSet) {
+    const Device device{smallTree()};
+    play({
+        {"kelctl get cam.port", 0, "cam.port=80\n"},
+        {"kelctl get -n cam.port cam.name", 0, "80\ncamera\n"},
+        {"kelctl get cam.no cam.port list", 1, "cam.port=80\n", "unknown name cam.no"},
+        {"kelctl --json get cam.port cam.no", 1,
+         "[\n{\"name\":\"cam.port\",\"value\":\"80\"},\n{\"name\":\"cam.no\",\"value\":null}\n]\n",
+         "cam.no"},
+        {"kelctl get cam.passwd cam.key cam.text", 0,
+         "cam.passwd=********\ncam.key=********\ncam.text=\n"},
+        {"kelctl list cam.k", 0, "cam.key=********\n"},
+        {"kelctl get cam.passwd cam.key --show-secrets", 0, "cam.passwd=first\ncam.key=k-1\n"},
+        {"kelctl list cam.p", 0, "cam.passwd=********\ncam.port=80\n"},
+        {"kelctl list cam.port.and.more", 0, ""},
+        {"kelctl list -0 cam.po", 0, "cam.port=80\0"sv},
+        {"kelctl group cam.port cam", 0, "cam.port=80\n"},
+        {"kelctl list | cut -d. -f1 | uniq -c | tr -s ' '", 0, " 7 cam\n 1 private\n"},
+        {"kelctl info cam.mode --json", 0,
+         "[\n{\"name\":\"cam.mode\",\"value\":\"auto\",\"default\":\"auto\",\"type\":\"enum\","
+         "\"range\":\"\",\"step\":\"\",\"options\":\"auto,manual\",\"access\":\"\"}\n]\n"},
+        {"kelctl info cam.no", 1, "", "unknown name cam.no"},
+        {"kelctl set cam.port=81 'cam.name=a=b c'", 0, ""},
+        {"kelctl get cam.port cam.name", 0, "cam.port=81\ncam.name=a=b c\n"},
+        {"kelctl set cam.name=x cam.no=1 cam.non=2", 1, "", "unknown name cam.non"},
+        {"kelctl set cam.name=x cam.port=0", 2, "", "range 1,65535; --force"},
+        {"kelctl set cam.name=x cam.mode=off", 2, "", "options auto,manual; --force"},
+        {"kelctl set cam.name=x cam.passwd=a=b", 2, "", "cut there after a restart; --force"},
+        {"kelctl set cam.name=x \"cam.text=$(printf 'a\\001')\"", 2, "", "U+0001"},
+        {"kelctl set cam.name=x \"cam.text=$(printf 'a\\377')\"", 2, "", "not valid UTF-8"},
+        {"kelctl get cam.name", 0, "cam.name=a=b c\n"}, // none of them was set
+        {"kelctl set --force cam.port=0 cam.passwd=a=b", 0, "", "warning: a password"},
+        {"kelctl get --show-secrets cam.port cam.passwd", 0, "cam.port=0\ncam.passwd=a=b\n"},
+        {"printf 'one\\ntwo\\n\\n' | kelctl set --direct cam.text=-", 0, ""},
+        {"kelctl get -0n cam.text", 0, "one\ntwo\n\0"sv},
+        {"kelctl diff --json | head -3", 0,
+         "[\n{\"name\":\"cam.name\",\"default\":\"camera\",\"value\":\"a=b c\"},\n"
+         "{\"name\":\"cam.passwd\",\"default\":\"********\",\"value\":\"********\"},\n"},
+        {"kelctl reset --yes cam.port cam.no", 1, "", "unknown name cam.no"},
+        {"kelctl reset --yes cam.port cam.state", 1, "", "cam.state has no factory default"},
+        {"kelctl reset --yes cam.port", 0, ""},
+        {"kelctl diff cam.p", 1, "-cam.passwd=********\n+cam.passwd=********\n"},
+        {"kelctl reset --dry-run --prefix cam.n --prefix cam.na", 0,
+         "-cam.name=a=b c\n+cam.name=camera\n"},
+        {"kelctl reset --yes --all; kelctl diff", 0, ""},
+        {"mv /mnt/nand/conf/default.db.md5 /tmp; kelctl reset --yes --all", 5, "", "sidecar"},
+        {"rm /mnt/nand/conf/default.db; kelctl set cam.port=0; kelctl get cam.port", 0,
+         "cam.port=0\n", "not checked against range, step and options"},
+    });
+}
+
+TEST(KelctlCommands, StatusTellsWhichFileIsNotInOrder) {
+    Device device{smallTree()};
+    constexpr const char* kStatus = "kelctl status | cut -d= -f2 | sed '/^[0-9]*$/d'";
+    // The backup is taken soon after the first change.
+    ASSERT_EQ(
+        shell("kelctl set --direct cam.name=n; until kelctl status >/dev/null; do :; done").status,
+        0);
+    play({{kStatus, 0, "up\nsound, 8 parameters\nsound, 8 parameters\nsound, 8 parameters\n"}});
+    ASSERT_EQ(device.service->stop(), 0);
+    play({
+        {"cd /mnt/nand/conf; printf x >>conf.db; printf x >>default.db; rm /mnt/backup/conf/*.md5",
+         0, ""},
+        {kStatus, 0,
+         "down\ndamaged: does not match its sidecar, 8 parameters\n"
+         "damaged: does not match its sidecar, 8 parameters\nits sidecar is missing, 8 "
+         "parameters\n"},
+        {"kelctl --json status | grep -o '\"in_order\":[a-z]*' | uniq -c | tr -s ' '", 0,
+         " 3 \"in_order\":false\n"},
+    });
+}
+
+} // namespace
+} // namespace kelconf::test

@@ -1,0 +1,180 @@
+// export and import, watchers, and what happens when the service or the reader goes away.
+
+#include "cli/cli_device.h"
+#include "support/terminal.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace kelconf::test {
+namespace {
+
+std::string listed() {
+    return shell("kelctl list -0 --show-secrets").out;
+}
+
+TEST(KelctlTransfer, EveryValueComesBackAsItWas) {
+    const Device device{smallTree()};
+    std::string hostile = " \t lead \\n \\x41 # = \"'<>&;\r\n\n\ttabs\x7f \xC2\x9B \xE2\x80\xAE"
+                          "Zähler \xF0\x9F\x93\xB7 ";
+    writeFile("/tmp/value", hostile + "\n");
+    ASSERT_EQ(shell("kelctl set cam.text=- </tmp/value").status, 0);
+    for (int i = 0; hostile.size() < (1U << 20U); ++i) {
+        hostile += "line " + std::to_string(i) + " \\ & <b>\n";
+    }
+    writeFile("/tmp/value", hostile + "\n");
+    ASSERT_EQ(shell("kelctl set 'cam.passwd= #x ' cam.key=\\\\ cam.name=- </tmp/value").status, 0);
+    const std::string before = listed();
+    ASSERT_NE(before.find("cam.name=" + hostile + '\0'), std::string::npos);
+
+    ASSERT_EQ(shell("kelctl export --show-secrets >/tmp/all; kelctl export cam. >/tmp/open").status,
+              0);
+    EXPECT_EQ(shell("head -1 /tmp/all; grep -a cam.text /tmp/all; tail -1 /tmp/open").out,
+              "# kelctl export, format 1\n"
+              "cam.text=\\x20\\t lead \\\\n \\\\x41 # = \"'<>&;\\r\\n\\n\\ttabs\\x7f \\xc2\\x9b "
+              "\\xe2\\x80\\xaeZähler \xF0\x9F\x93\xB7\\x20\n"
+              "cam.text=\\x20\\t lead \\\\n \\\\x41 # = \"'<>&;\\r\\n\\n\\ttabs\\x7f \\xc2\\x9b "
+              "\\xe2\\x80\\xaeZähler \xF0\x9F\x93\xB7\\x20\n");
+    EXPECT_EQ(shell("grep -ac 'secret, left out' /tmp/open; grep -c state /tmp/all").out, "2\n0\n");
+    ASSERT_EQ(shell("kelctl reset --yes --all; kelctl diff").status, 0);
+    ASSERT_EQ(shell("kelctl import /tmp/all").status, 0);
+    EXPECT_EQ(listed(), before);
+    EXPECT_EQ(shell("kelctl import --dry-run - </tmp/all; kelctl import /tmp/open").out, "");
+    EXPECT_EQ(listed(), before); // what was left out of an export is left alone
+}
+
+TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
+    const Device device{smallTree()};
+    const std::string before = listed();
+    const struct {
+        const char* content;
+        int status;
+        const char* complaint;
+    } table[] = {
+        {"cam.name=x\nword\n", 2, "/tmp/f:2: no \"=\""},
+        {"cam.name=x\n=1\n", 2, "/tmp/f:2: no name"},
+        {"cam.name=x\n\n# c\ncam.name=y\n", 2, "/tmp/f:4: cam.name stands in line 1 already"},
+        {"cam.name=x\ncam.text=\\q\n", 2, "/tmp/f:2: an unknown escape"},
+        {"cam.name=x\ncam.text=\\x0\n", 2, "/tmp/f:2: an unknown escape"},
+        {"cam.name=x\ncam.text=\\x01\n", 2, "/tmp/f:2: cam.text: the value holds the control"},
+        {"cam.name=x\ncam.no=1\n", 1, "/tmp/f:2: unknown name cam.no"},
+        {"cam.name=x\ncam.port=0\n", 2, "/tmp/f:2: cam.port: the value is not in the range"},
+        {"cam.name=x\ncam.passwd=a=b\n", 2, "/tmp/f:2: cam.passwd: a password with"},
+    };
+    for (const auto& row : table) {
+        writeFile("/tmp/f", row.content);
+        const ProgramResult result = shell("kelctl import /tmp/f");
+        EXPECT_EQ(result.status, row.status) << row.content;
+        EXPECT_NE(result.err.find(row.complaint), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find("kelctl: nothing was imported\n"), std::string::npos);
+        EXPECT_EQ(listed(), before) << row.content;
+    }
+    // A file that went through an editor elsewhere.
+    writeFile("/tmp/f", "\xEF\xBB\xBF# mine\r\n cam.name = new name \t\r\ncam.port=80");
+    EXPECT_EQ(shell("kelctl import --dry-run /tmp/f").out,
+              "-cam.name=camera\n+cam.name=new name\n");
+    EXPECT_EQ(listed(), before);
+    EXPECT_EQ(shell("kelctl import - </tmp/f && kelctl get -n cam.name").out, "new name\n");
+}
+
+constexpr int kMany = 3000;
+
+// Waits until the first of the import's requests was carried out.
+void awaitFirstValue() {
+    ASSERT_EQ(shell("until [ \"$(kelctl get -n cam.p.1.v)\" = new ]; do :; done").status, 0);
+}
+
+int countChanged() {
+    return std::stoi(shell("kelctl --request-timeout 60 diff | grep -c ^+").out);
+}
+
+std::string newValues() {
+    return "for i in $(seq " + std::to_string(kMany) + "); do echo cam.p.$i.v=new; done >/tmp/new";
+}
+
+TEST(KelctlTransfer, AServiceThatDiesLeavesAnExactReport) {
+    Device device{largeTree(kMany)};
+    ASSERT_EQ(shell(newValues()).status, 0);
+    ASSERT_EQ(shell("(kelctl import --direct /tmp/new 2>/tmp/said; echo $? >/tmp/ended) &").status,
+              0);
+    awaitFirstValue();
+    device.service->killNow();
+    ASSERT_EQ(shell("until [ -s /tmp/ended ]; do :; done").status, 0);
+    EXPECT_EQ(readFile("/tmp/ended"), "3\n");
+    const std::string said = readFile("/tmp/said");
+    const std::size_t at = said.find("\nkelctl: ");
+    int set = -1;
+    int unsure = -1;
+    ASSERT_EQ(std::sscanf(said.c_str() + at,
+                          "\nkelctl: %d of 3000 values are set; of the next %d (", &set, &unsure),
+              2)
+        << said;
+    device.start();
+    EXPECT_GE(countChanged(), set);
+    EXPECT_LE(countChanged(), set + unsure);
+    EXPECT_LT(countChanged(), kMany);
+}
+
+TEST(KelctlTransfer, CtrlCEndsAnImportWithAnExactReport) {
+    const Device device{largeTree(kMany)};
+    ASSERT_EQ(shell(newValues()).status, 0);
+    Terminal terminal{{"kelctl", "import", "/tmp/new"}};
+    terminal.await("\r200 of 3000 values set");
+    terminal.type("\x03");
+    terminal.await("\r\x1b[Kkelctl: import interrupted: ");
+    EXPECT_EQ(terminal.awaitEnd(), 130);
+    const std::string said = terminal.shown().substr(terminal.shown().find("interrupted"));
+    int set = -1;
+    ASSERT_EQ(std::sscanf(said.c_str(), "interrupted: %d of 3000 values are set", &set), 1) << said;
+    EXPECT_LT(set, kMany);
+    EXPECT_EQ(countChanged(), set);
+    EXPECT_EQ(shell("kelctl import --dry-run /tmp/new | grep -c ^+").out,
+              std::to_string(kMany - set) + "\n");
+}
+
+TEST(KelctlTransfer, AReaderThatGoesAwayEndsTheProgram) {
+    const Device device{largeTree(kMany)};
+    EXPECT_EQ(shell("{ kelctl list; echo $? >&2; } | head -1").err, "141\n");
+    EXPECT_EQ(shell("{ kelctl watch; echo $? >&2; } | true").err, "141\n");
+    EXPECT_EQ(shell("{ trap '' PIPE; kelctl list; echo $? >&2; } | head -c 1 | wc -c").err,
+              "kelctl: cannot write standard output: Broken pipe\n5\n");
+    EXPECT_EQ(shell("kelctl list >/dev/full").status, 5);
+    EXPECT_EQ(shell("kelctl watch --count 1 >/dev/full & until ! kill -0 $! 2>&-; do"
+                    " kelctl set cam.p.1.v=$((i=i+1)); done; wait $!")
+                  .status,
+              5);
+}
+
+TEST(KelctlWatch, PrintsOneLineAChangeAndOutlivesARestart) {
+    Device device{smallTree()};
+    // A state is announced at every set, so setting goes on until the watcher has seen enough.
+    constexpr const char* kSetUntil =
+        "until [ $(wc -l <%s) -ge %d ]; do kelctl set cam.state=\"$(printf 'a\\nb')\"; done";
+    const auto setUntil = [&](const char* file, int lines) {
+        std::array<char, 200> line{};
+        std::snprintf(line.data(), line.size(), kSetUntil, file, lines);
+        ASSERT_EQ(shell(line.data()).status, 0);
+    };
+    ASSERT_EQ(shell(">/tmp/w; (kelctl watch --count 2 cam.s >/tmp/w; echo $? >/tmp/we) &").status,
+              0);
+    setUntil("/tmp/w", 1);
+    device.restart();
+    setUntil("/tmp/w", 2);
+    ASSERT_EQ(shell("until [ -s /tmp/we ]; do :; done; cat /tmp/we; tail -1 /tmp/w | "
+                    "sed 's/^[0-9]*-[0-9]*-[0-9]* [0-9:]*[.][0-9][0-9][0-9] /T /'")
+                  .out,
+              "0\nT cam.state=a\\nb\n");
+    const ProgramResult many =
+        shell("for i in $(seq 30); do kelctl watch --json --count 1 --timeout 60 cam.state "
+              ">/tmp/j$i & done\n"
+              "until [ -s /tmp/j1 ] && ! jobs | grep -q Running; do kelctl set cam.state=x; jobs "
+              ">/dev/null; done\n"
+              "cat /tmp/j* | grep -c '\"name\":\"cam.state\",\"value\":\"x\",\"prev_value\":'");
+    EXPECT_EQ(many.out, "30\n") << many.err;
+    EXPECT_EQ(shell("kelctl watch --count 1 --timeout 0.1").status, 3);
+    EXPECT_EQ(shell("kelctl watch --timeout 0.1").status, 0);
+}
+
+} // namespace
+} // namespace kelconf::test
