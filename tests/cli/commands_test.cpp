@@ -57,7 +57,9 @@ TEST(KelctlUsage, WrongLinesAreRefusedWithWhatToDo) {
         {"kelctl watch --count x", 2, "", "--count"},
         {"kelctl import /nowhere", 5, "", "kelctl: /nowhere: No such file"},
         {"kelctl --version | grep -c '^kelctl [0-9.]*$'", 0, "1\n"},
-        {"kelctl --help | grep -c '^  [a-z]'", 0, "12\n"}, // every command
+        {"kelctl --help | grep -cE '^  "
+         "(get|set|list|group|watch|diff|reset|export|import|info|status) '",
+         0, "11\n"},
         {"for c in get set list group watch diff reset export import info status; do"
          " kelctl $c --help | grep -c '^Exit status: 0 done'; done | uniq -c | tr -s ' '",
          0, " 11 1\n"},
