@@ -9,6 +9,8 @@
 //
 // Prints Markdown tables. Exit status 1 when a program fails or two of them disagree on a row.
 
+#include "median.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -200,12 +202,6 @@ void playRound(Tree& tree, const std::string& bin) {
 }
 
 // ---- Figures ----
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
 
 double medianOf(const std::vector<Run>& runs, double Run::*figure) {
     std::vector<double> values;

@@ -1,0 +1,198 @@
+// The service with several clients, during a long pass, and over many requests.
+#include "bench_clients.h"
+#include "servers.h"
+#include "service_bench.h"
+#include "turns.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+namespace bench {
+
+namespace {
+
+// ---- Several clients ----------------------------------------------------------------------------
+
+// GETs a second that so many clients get answered.
+double rateOf(const char* address, const std::string& request, std::size_t clients) {
+    constexpr double kSeconds = 1.0;
+    std::vector<std::unique_ptr<BusClient>> sockets;
+    for (std::size_t i = 0; i < clients; ++i) {
+        sockets.push_back(std::make_unique<BusClient>(address));
+        sockets.back()->ask(request); // connected
+    }
+    std::atomic<long> answered{0};
+    const double start = now();
+    std::vector<std::thread> threads;
+    threads.reserve(clients);
+    for (const auto& socket : sockets) {
+        threads.emplace_back([&] {
+            while (now() - start < kSeconds) {
+                socket->ask(request);
+                ++answered;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return static_cast<double>(answered) / (now() - start);
+}
+
+} // namespace
+
+void printSeveralClients(int rounds) {
+    constexpr std::size_t kMany = 8;
+    installDatabase(kSizes[0]);
+    const Server daemon{daemonCommand()};
+    const std::string request = getRequest({parameterNames(1)[0]});
+    std::ofstream(kReply) << BusClient{kGet}.replyTo(request);
+    const Server xml{floorCommand({"xml", kXml})};
+    const Server raw{floorCommand({"raw", kRaw, kReply})};
+    std::puts("\nGETs of one name a second.\n\n| server | 1 client | 8 clients | ratio "
+              "|\n|---|---:|---:|---:|");
+    const std::array<std::pair<const char*, const char*>, 3> servers{
+        {{"kelconfd", kGet}, {"xml floor", kXml}, {"raw floor", kRaw}}};
+    std::array<std::vector<double>, 3> one;
+    std::array<std::vector<double>, 3> many;
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t i = 0; i < servers.size(); ++i) {
+            one[i].push_back(rateOf(servers[i].second, request, 1));
+            many[i].push_back(rateOf(servers[i].second, request, kMany));
+        }
+    }
+    for (std::size_t i = 0; i < servers.size(); ++i) {
+        std::printf("| %s | %.0f | %.0f | %.2f |\n", servers[i].first, median(one[i]),
+                    median(many[i]), medianRatio(many[i], one[i]));
+    }
+}
+
+namespace {
+
+// ---- Reading while a pass stores ----------------------------------------------------------------
+
+struct PassFigures {
+    double seconds;     // from the answer of the SET to the last event of the pass
+    double longest_get; // ms
+    double median_get;  // ms, of those during the pass
+};
+
+// A pass announces all it has stored; the events together hold every name once.
+void awaitEvents(EventClient& events, std::size_t names) {
+    constexpr std::string_view kElement = "<parameter ";
+    while (names > 0) {
+        const std::string event = events.next();
+        for (std::size_t at = event.find(kElement); at != std::string::npos && names > 0;
+             at = event.find(kElement, at + 1)) {
+            --names;
+        }
+    }
+}
+
+PassFigures playPass(long size) {
+    constexpr std::size_t kNames = 1000;
+    installDatabase(size);
+    const Server daemon{daemonCommand()};
+    const std::vector<std::string> names = parameterNames(size);
+    BusClient set{kSet};
+    BusClient get{kGet};
+    const std::string request = getRequest({names[0]});
+    EventClient events;
+    get.ask(request);
+    // Subscribed when an event comes through.
+    std::atomic<bool> subscribed{false};
+    std::thread first_event{[&] {
+        events.next();
+        subscribed = true;
+    }};
+    for (int i = 0; !subscribed; ++i) {
+        set.ask(setRequest("SET_ACTION_NO_DB", {names[0]}, std::to_string(i)));
+        std::this_thread::sleep_for(std::chrono::milliseconds{1});
+    }
+    first_event.join();
+
+    set.ask(setRequest("SET_ACTION", spread(names, kNames), "a new value"));
+    const double start = now();
+    std::atomic<bool> stored_all{false};
+    std::thread waiter{[&] {
+        awaitEvents(events, kNames);
+        stored_all = true;
+    }};
+    std::vector<double> gets;
+    while (!stored_all) {
+        const double sent = now();
+        get.ask(request);
+        gets.push_back((now() - sent) * 1e3);
+    }
+    const double seconds = now() - start;
+    waiter.join();
+    return {seconds, *std::max_element(gets.begin(), gets.end()), median(gets)};
+}
+
+} // namespace
+
+void printPasses() {
+    std::puts("\nGETs of one name while a SET_ACTION of 1,000 names is written back.\n\n"
+              "| parameters | the pass, s | longest GET, ms | median GET, ms "
+              "|\n|---:|---:|---:|---:|");
+    for (const long size : {5'000L, 50'000L}) {
+        const PassFigures pass = playPass(size);
+        std::printf("| %ld | %.2f | %.1f | %.3f |\n", size, pass.seconds, pass.longest_get,
+                    pass.median_get);
+    }
+}
+
+namespace {
+
+// ---- Memory -------------------------------------------------------------------------------------
+
+} // namespace
+
+void printMemory() {
+    constexpr long kRequests = 100'000;
+    constexpr long kStep = 20'000;
+    installDatabase(kSizes[0]);
+    const Server daemon{daemonCommand()};
+    const std::vector<std::string> names = parameterNames(kSizes[0]);
+    BusClient get{kGet};
+    BusClient set{kSet};
+    BusClient all{kGetAll};
+    const std::string hundred = getRequest(spread(names, 100));
+    std::puts("\nResident memory of kelconfd with 500 parameters over 100,000 requests (of 20: 12 "
+              "GETs of one name, 2 of 100, 5 SET_ACTION_NO_DB, 1 GET_ALL).\n\n"
+              "| requests | KiB |\n|---:|---:|");
+    for (long i = 0; i <= kRequests; ++i) {
+        if (i % kStep == 0 || i == kStep / 10) {
+            if (i == 0) {
+                get.ask(hundred); // started up
+            }
+            std::printf("| %ld | %ld |\n", i, daemon.residentKiB());
+        }
+        const std::string& name = names[static_cast<std::size_t>(i * 7) % names.size()];
+        switch (i % 20) {
+        case 0:
+            all.ask(kGetAllRequest);
+            break;
+        case 1:
+        case 11:
+            get.ask(hundred);
+            break;
+        case 2:
+        case 6:
+        case 10:
+        case 14:
+        case 18:
+            set.ask(setRequest("SET_ACTION_NO_DB", {name}, "text " + std::to_string(i)));
+            break;
+        default:
+            get.ask(getRequest({name}));
+        }
+    }
+}
+
+} // namespace bench
