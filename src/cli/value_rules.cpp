@@ -1,86 +1,221 @@
 #include "cli/value_rules.h"
 
-#include <charconv>
-#include <cmath>
+#include <algorithm>
 #include <optional>
 
 namespace kelconf::cli {
 
 namespace {
 
+// A decimal number in units of 10^-18. 18 digits on either side of the point leave room in 128
+// bits for the difference of two numbers.
+__extension__ using Scaled = __int128;
+constexpr std::size_t kDigits = 18;
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+std::string_view leadingDigits(std::string_view text) {
+    return text.substr(0, text.find_first_not_of("0123456789"));
+}
+
+// Takes a number off the front of `text`: "-" or not, digits, and maybe a point and digits.
+std::optional<Scaled> takeNumber(std::string_view& text) {
+    const bool negative = text.starts_with('-');
+    std::string_view rest = text.substr(negative ? 1 : 0);
+    std::string_view whole = leadingDigits(rest);
+    if (whole.empty()) {
+        return {};
+    }
+    rest.remove_prefix(whole.size());
+    std::string_view part;
+    if (rest.starts_with('.')) {
+        part = leadingDigits(rest.substr(1));
+        if (part.empty()) {
+            return {};
+        }
+        rest.remove_prefix(1 + part.size());
+    }
+    whole.remove_prefix(std::min(whole.find_first_not_of('0'), whole.size()));
+    part = part.substr(0, part.find_last_not_of('0') + 1);
+    if (whole.size() > kDigits || part.size() > kDigits) {
+        return {};
+    }
+    std::string digits{whole};
+    digits.append(part).append(kDigits - part.size(), '0');
+    Scaled number = 0;
+    for (const char digit : digits) {
+        number = number * 10 + (digit - '0');
+    }
+    text = rest;
+    return negative ? -number : number;
+}
+
+// The whole text as a number. No "+", no exponent and no blanks, since the readers of a value on
+// the device differ about these; leading zeros are fine ("007" is 7, never octal). More than 18
+// digits on a side of the point are none: no bound of a camera is that large.
+std::optional<Scaled> numberOf(std::string_view text) {
+    const auto number = takeNumber(text);
+    return text.empty() ? number : std::nullopt;
+}
+
+bool isWhole(Scaled number) {
+    Scaled one = 1;
+    for (std::size_t i = 0; i < kDigits; ++i) {
+        one *= 10;
+    }
+    return number % one == 0;
+}
+
 struct Range {
-    double low;
-    double high;
+    std::optional<Scaled> low; // none: no lower end
+    std::optional<Scaled> high;
+    std::string_view low_text;
+    std::string_view high_text;
 };
 
-std::optional<double> numberOf(std::string_view text) {
-    double number = 0;
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number, std::chars_format::fixed);
-    if (result.ec != std::errc{} || result.ptr != end || !std::isfinite(number)) {
-        return {};
-    }
-    return number;
+// "LOW-HIGH": the first "-" after a digit parts the two, so both may be negative.
+std::size_t findDash(std::string_view text) {
+    std::string_view rest = text;
+    const bool number = takeNumber(rest).has_value();
+    const std::string_view blanks_gone = trimmed(rest);
+    return number && blanks_gone.starts_with('-') ? text.find('-', text.size() - rest.size())
+                                                  : std::string_view::npos;
 }
 
-// "LOW,HIGH", or "LOW-HIGH" without negative numbers.
+// "LOW,HIGH", one of which may be missing, or "LOW-HIGH".
 std::optional<Range> rangeOf(std::string_view text) {
-    std::size_t separator = text.find(',');
-    if (separator == std::string_view::npos) {
-        separator = text.find('-');
-    }
+    text = trimmed(text);
+    const bool comma = text.find(',') != std::string_view::npos;
+    const std::size_t separator = comma ? text.find(',') : findDash(text);
     if (separator == std::string_view::npos) {
         return {};
     }
-    const auto low = numberOf(text.substr(0, separator));
-    const auto high = numberOf(text.substr(separator + 1));
-    if (!low || !high || *low > *high) {
+    Range range;
+    range.low_text = trimmed(text.substr(0, separator));
+    range.high_text = trimmed(text.substr(separator + 1));
+    range.low = numberOf(range.low_text);
+    range.high = numberOf(range.high_text);
+    const bool low_known = range.low || (comma && range.low_text.empty());
+    const bool high_known = range.high || (comma && range.high_text.empty());
+    const bool any = range.low || range.high;
+    if (!low_known || !high_known || !any ||
+        (range.low && range.high && *range.low > *range.high)) {
         return {};
     }
-    return Range{*low, *high};
+    return range;
 }
 
-bool isMultiple(double distance, double step) {
-    constexpr double kRounding = 1e-6; // of a step: decimal fractions have no exact binary form
-    const double steps = distance / step;
-    return std::fabs(steps - std::round(steps)) < kRounding;
+std::optional<Scaled> stepOf(std::string_view text) {
+    const auto step = numberOf(trimmed(text));
+    return step && *step > 0 ? step : std::nullopt;
 }
 
-bool isOption(std::string_view options, std::string_view value) {
-    const char separator = options.find('|') == std::string_view::npos ? ',' : '|';
-    while (true) {
-        const std::size_t end = options.find(separator);
-        if (options.substr(0, end) == value) {
-            return true;
+// Range and step of a text may well mean its length: they are not enforced.
+bool isText(std::string_view type) {
+    return type == "string" || type == "password";
+}
+
+std::string inWords(const Range& range) {
+    const std::string low{range.low_text};
+    const std::string high{range.high_text};
+    return !range.low ? "at most " + high : !range.high ? "at least " + low : low + " to " + high;
+}
+
+std::string inWords(const std::vector<std::string_view>& words) {
+    constexpr std::size_t kShown = 200; // bytes; one line of an error has room for no more
+    std::string text;
+    for (const std::string_view word : words) {
+        if (text.size() > kShown) {
+            return text + ", ...";
         }
+        text.append(text.empty() ? "" : ", ").append(word.empty() ? "nothing" : word);
+    }
+    return text;
+}
+
+bool has(const std::vector<std::string_view>& words, std::string_view value) {
+    return std::find(words.begin(), words.end(), value) != words.end();
+}
+
+bool hasNumber(const std::vector<std::string_view>& words) {
+    return std::any_of(words.begin(), words.end(),
+                       [](std::string_view word) { return numberOf(word).has_value(); });
+}
+
+std::string brokenNumber(const ValueRule& rule, const std::optional<Range>& range,
+                         const std::optional<Scaled>& step, std::string_view value) {
+    const auto number = numberOf(value);
+    if (!number) {
+        return range ? "must be a number, " + inWords(*range) : "must be a number";
+    }
+    if (range &&
+        ((range->low && *number < *range->low) || (range->high && *number > *range->high))) {
+        return "must be " + inWords(*range);
+    }
+    if (rule.type == "int" && !isWhole(*number)) {
+        return "must be a whole number";
+    }
+    const Scaled base = range ? range->low.value_or(0) : 0;
+    if (!step || (*number - base) % *step == 0) {
+        return {};
+    }
+    const std::string multiple = "a multiple of " + std::string{trimmed(rule.step)};
+    return base == 0 ? "must be " + multiple
+                     : "must be " + std::string{range->low_text} + " plus " + multiple;
+}
+
+} // namespace
+
+std::vector<std::string_view> optionWords(std::string_view options) {
+    std::vector<std::string_view> words;
+    if (trimmed(options).empty()) {
+        return words;
+    }
+    const char separator = options.find('|') == std::string_view::npos ? ',' : '|';
+    for (;;) {
+        const std::size_t end = options.find(separator);
+        words.push_back(trimmed(options.substr(0, end)));
         if (end == std::string_view::npos) {
-            return false;
+            return words;
         }
         options.remove_prefix(end + 1);
     }
 }
 
-} // namespace
-
 std::string brokenRule(const ValueRule& rule, std::string_view value) {
-    if (!rule.options.empty() && !isOption(rule.options, value)) {
-        return "the value is none of the options " + std::string{rule.options};
+    const auto words = optionWords(rule.options);
+    const auto range = isText(rule.type) ? std::nullopt : rangeOf(rule.range);
+    const auto step = isText(rule.type) ? std::nullopt : stepOf(rule.step);
+    const bool numbers = range || step;
+    if (has(words, value)) {
+        // A word among the options stands beside the range: "auto" with "16,48".
+        return numbers && numberOf(value) ? brokenNumber(rule, range, step, value) : "";
     }
-    const auto range = rangeOf(rule.range);
-    if (!range) {
-        return {};
+    // A single option is no list: it may be in a form that only people read.
+    if (words.size() > 1 && (!numbers || hasNumber(words) || !numberOf(value))) {
+        const bool beside = range && !hasNumber(words);
+        return "must be one of " + inWords(words) + (beside ? ", or " + inWords(*range) : "");
     }
-    const auto number = numberOf(value);
-    if (!number || *number < range->low || *number > range->high) {
-        return "the value is not in the range " + std::string{rule.range};
+    return numbers ? brokenNumber(rule, range, step, value) : "";
+}
+
+std::string unknownForm(const ValueRule& rule) {
+    const auto unknown = [](const char* attribute, std::string_view text) {
+        return std::string{attribute} + " \"" + std::string{text} + "\"";
+    };
+    if (!rule.range.empty() && (isText(rule.type) || !rangeOf(rule.range))) {
+        return unknown("range", rule.range);
     }
-    const auto step = numberOf(rule.step);
-    if (step && *step > 0 && !isMultiple(*number - range->low, *step)) {
-        return "the value is not " +
-               std::string{rule.range.substr(0, rule.range.find_first_of(",-", 1))} +
-               " plus a multiple of the step " + std::string{rule.step};
+    if (!rule.step.empty() && (isText(rule.type) || !stepOf(rule.step))) {
+        return unknown("step", rule.step);
     }
-    return {};
+    return !rule.options.empty() && optionWords(rule.options).size() < 2
+               ? unknown("options", rule.options)
+               : "";
 }
 
 } // namespace kelconf::cli

@@ -1,8 +1,13 @@
-// Whether a value is within its parameter's range, step and options (docs/tree-format.md).
+// Whether a value is within its parameter's range, step and options.
+//
+// The store carries these texts and enforces nothing; the forms understood here are written down
+// in docs/tree-format.md. What is in no known form is not enforced. Numbers are compared as exact
+// decimals, never as binary fractions. Pure functions, any thread.
 #pragma once
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kelconf::cli {
 
@@ -14,8 +19,15 @@ struct ValueRule {
     std::string_view options;
 };
 
-// Empty when the value may be set; otherwise the rule that it breaks, in words. What an attribute
-// says in a form that is not understood is not enforced.
+// Empty when the value may be set; otherwise the rule that it breaks, in words that go on after
+// the parameter's name: "must be 0 to 100".
 std::string brokenRule(const ValueRule& rule, std::string_view value);
+
+// What of the rule is in no known form and therefore not enforced, in words; empty when nothing.
+std::string unknownForm(const ValueRule& rule);
+
+// The words of `options`, without the blanks around them. A "|" anywhere makes it the separator,
+// otherwise it is the comma. No word for an empty text.
+std::vector<std::string_view> optionWords(std::string_view options);
 
 } // namespace kelconf::cli

@@ -59,7 +59,7 @@ TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
         {"cam.name=x\ncam.text=\\x0\n", 2, "/tmp/f:2: an unknown escape"},
         {"cam.name=x\ncam.text=\\x01\n", 2, "/tmp/f:2: cam.text: the value holds the control"},
         {"cam.name=x\ncam.no=1\n", 1, "/tmp/f:2: unknown name cam.no"},
-        {"cam.name=x\ncam.port=0\n", 2, "/tmp/f:2: cam.port: the value is not in the range"},
+        {"cam.name=x\ncam.port=0\n", 2, "/tmp/f:2: cam.port: must be 1 to 65535"},
         {"cam.name=x\ncam.passwd=a=b\n", 2, "/tmp/f:2: cam.passwd: a password with"},
     };
     for (const auto& row : table) {
