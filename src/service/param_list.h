@@ -36,8 +36,9 @@ void sortParamList();
 
 std::int32_t CheckParamListLength();
 
-// Binary search; the element stays in the list, its value may be replaced in place under the
-// parameter lock. Null for an unknown name. On a list that is not sorted it can miss names.
+// By a table of positions that the sort leaves, else by binary search. The element stays in the
+// list, its value may be replaced in place under the parameter lock. Null for an unknown name. On
+// a list that is not sorted it can miss names.
 ParamElement* seekParamElement(const char* name);
 
 // Element at a position, null outside the list.

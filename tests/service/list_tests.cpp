@@ -67,6 +67,16 @@ TEST_F(Lists, RemovalTakesOneElement) {
     EXPECT_EQ(CheckParamListLength(), 1);
     EXPECT_EQ(seekParamElement("a"), nullptr);
     EXPECT_EQ(live("b"), "2");
+    // What comes later is found where it keeps the order, and after another removal as well.
+    for (const char* name : {"c", "d", "e", "f"}) {
+        addLive(name, name);
+        EXPECT_EQ(live(name), name);
+    }
+    EXPECT_EQ(DeleteFromParamList("d"), 1);
+    for (const char* name : {"c", "e", "f"}) {
+        EXPECT_EQ(live(name), name);
+    }
+    EXPECT_EQ(seekParamElement("d"), nullptr);
 }
 
 TEST_F(Lists, DumpsAndTheSizeFigureAreLoggedAsDescribed) {
