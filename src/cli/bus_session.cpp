@@ -83,6 +83,14 @@ int fetchListing(const Bus& bus, std::string_view prefix, Values& values) {
     return error == KELBUS_OK ? kDone : saidFailure(bus, error);
 }
 
+int saidNoneBelow(std::string_view prefix, bool none) {
+    if (!none || prefix.empty()) {
+        return kDone;
+    }
+    complain("no name begins with " + std::string{prefix} + "; kelctl list shows all names");
+    return kDifferent;
+}
+
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values) {
     const std::vector<const char*> texts = cTexts(names);
     kelbus_values* raw = nullptr;

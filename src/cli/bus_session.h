@@ -42,6 +42,9 @@ int fetchListing(const Bus& bus, std::string_view prefix, Values& values);
 // The values of these names, in their order; of an unknown one the value is null. kDone also then.
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values);
 
+// The status of a listing that may be empty: with a prefix that is an unknown name, said.
+int saidNoneBelow(std::string_view prefix, bool none);
+
 inline bool startsWith(std::string_view name, std::string_view prefix) {
     return name.substr(0, prefix.size()) == prefix;
 }

@@ -76,7 +76,7 @@ int runList(const Options& options) {
     }
     const std::vector<Row> rows = rowsOf(values, Secrets{options}, prefix);
     printRows(options, rows);
-    return kDone;
+    return saidNoneBelow(prefix, rows.empty());
 }
 
 int runGroup(const Options& options) {
@@ -92,7 +92,12 @@ int runGroup(const Options& options) {
     if (error != KELBUS_OK) {
         return saidFailure(bus, error);
     }
-    printRows(options, rowsOf(values, Secrets{options}, ""));
+    const std::vector<Row> rows = rowsOf(values, Secrets{options}, "");
+    printRows(options, rows);
+    if (rows.empty()) {
+        complain("no parameter belongs to " + options.operands.front());
+        return kDifferent;
+    }
     return kDone;
 }
 

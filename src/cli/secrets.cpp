@@ -4,29 +4,42 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 
 namespace kelconf::cli {
 
 namespace {
 
-constexpr std::array<std::string_view, 2> kWords{"password", "passwd"};
 constexpr const char* kType = "password";
 
-bool holds(std::string_view name, std::string_view word, bool (*same)(char, char)) {
-    return std::search(name.begin(), name.end(), word.begin(), word.end(), same) != name.end();
+// Both words begin alike, so one search serves both.
+constexpr std::string_view kBeginning = "passw";
+constexpr std::array<std::string_view, 2> kEndings{"ord", "d"};
+
+char lowered(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
-bool holdsWord(std::string_view name, bool (*same)(char, char)) {
-    return std::any_of(kWords.begin(), kWords.end(),
-                       [&](std::string_view word) { return holds(name, word, same); });
+template <typename Same>
+bool holdsWord(std::string_view name, Same same) {
+    for (auto at = name.begin();; ++at) {
+        at = std::search(at, name.end(), kBeginning.begin(), kBeginning.end(), same);
+        if (at == name.end()) {
+            return false;
+        }
+        const auto rest = at + kBeginning.size();
+        for (const std::string_view ending : kEndings) {
+            if (static_cast<std::size_t>(name.end() - rest) >= ending.size() &&
+                std::equal(rest, rest + ending.size(), ending.begin(), same)) {
+                return true;
+            }
+        }
+    }
 }
 
 } // namespace
 
 bool secretByName(std::string_view name) {
-    return holdsWord(name,
-                     [](char a, char b) { return ((a >= 'A' && a <= 'Z') ? a + 32 : a) == b; });
+    return holdsWord(name, [](char a, char b) { return lowered(a) == b; });
 }
 
 bool storedScrambled(std::string_view name) {

@@ -53,7 +53,7 @@ int checkNames(const Bus& bus, const std::vector<Change>& changes) {
     }
     Values live;
     int status = fetchNamed(bus, names, live);
-    for (std::size_t i = 0; status != kNoService && live && i < live->count; ++i) {
+    for (std::size_t i = 0; live && i < live->count; ++i) {
         if (live->items[i].value == nullptr) {
             complain("unknown name " + std::string{live->items[i].name});
             status = kDifferent;

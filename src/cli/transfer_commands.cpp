@@ -11,9 +11,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace kelconf::cli {
 
 namespace {
+
+constexpr std::size_t kMostFaults = 20; // said of one file; it may be no text at all
 
 std::string labelOf(const std::string& path, std::size_t line) {
     return (path == "-" ? "standard input" : path) + ":" + std::to_string(line) + ": ";
@@ -25,8 +29,12 @@ int readExport(const std::string& path, std::vector<Change>& changes) {
         return kBroken;
     }
     ParsedExport parsed = parseExport(content);
-    for (const std::string& fault : parsed.faults) {
-        complain((path == "-" ? "standard input" : path) + ":" + fault);
+    const std::size_t said = std::min(parsed.faults.size(), kMostFaults);
+    for (std::size_t i = 0; i < said; ++i) {
+        complain((path == "-" ? "standard input" : path) + ":" + parsed.faults[i]);
+    }
+    if (said < parsed.faults.size()) {
+        complain("and " + std::to_string(parsed.faults.size() - said) + " more");
     }
     for (ExportEntry& entry : parsed.entries) {
         changes.push_back(
@@ -101,7 +109,9 @@ int runExport(const Options& options) {
         return status;
     }
     std::string text{kExportHeader};
+    bool none = true;
     const int status = forEachLive(bus, prefix, [&](std::string_view name, std::string_view value) {
+        none = false;
         if (!isState(name, states.contains(std::string{name}) ? kRealtime : "")) {
             out(text);
             text = secrets.hides(name) ? exportNote(name, "secret, left out without --show-secrets")
@@ -111,7 +121,7 @@ int runExport(const Options& options) {
     if (status == kDone) { // without an answer nothing is written, not even the header
         out(text);
     }
-    return status;
+    return status != kDone ? status : saidNoneBelow(prefix, none);
 }
 
 int runImport(const Options& options) {
