@@ -21,12 +21,12 @@ char lowered(char c) {
 
 template <typename Same>
 bool holdsWord(std::string_view name, Same same) {
-    for (auto at = name.begin();; ++at) {
+    for (const auto* at = name.begin();; ++at) {
         at = std::search(at, name.end(), kBeginning.begin(), kBeginning.end(), same);
         if (at == name.end()) {
             return false;
         }
-        const auto rest = at + kBeginning.size();
+        const auto* rest = at + kBeginning.size();
         for (const std::string_view ending : kEndings) {
             if (static_cast<std::size_t>(name.end() - rest) >= ending.size() &&
                 std::equal(rest, rest + ending.size(), ending.begin(), same)) {
