@@ -1,235 +1,88 @@
 #include "daemon/live_store.h"
 
+#include "daemon/live_check.h"
+#include "daemon/live_files.h"
 #include "db/live_db.h"
 #include "db/live_rows.h"
-#include "db/sqlite_handle.h"
 #include "files/backup.h"
-#include "files/bus_group.h"
-#include "files/fd.h"
 #include "files/live_seal.h"
 #include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
 #include "paths.h"
 #include "service/password_state.h"
+#include "service/unstored.h"
 #include "tree/conf_builders.h"
 #include "tree/xitem.h"
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <string_view>
+#include <cstdint>
+#include <optional>
+#include <utility>
 
 namespace kelconf {
 
 namespace {
 
-constexpr const char* kDirectory = "/mnt/nand/conf";
-constexpr const char* kReplacement = "/mnt/nand/conf/conf.db.new";
-constexpr const char* kEvidence = "/mnt/nand/conf/conf.db.damaged";
-
-// What SQLite may leave beside the database.
-constexpr std::array kCompanions = {paths::kLiveDbJournal, "/mnt/nand/conf/conf.db-wal",
-                                    "/mnt/nand/conf/conf.db-shm"};
-
-constexpr std::array kProtected = {paths::kLiveDb,
-                                   paths::kLiveDbMd5,
-                                   paths::kLiveDbJournal,
-                                   "/mnt/nand/conf/conf.db-wal",
-                                   kEvidence,
-                                   kReplacement,
-                                   paths::kBackupDb,
-                                   paths::kBackupDbMd5,
-                                   "/mnt/backup/conf/conf_backup.db-journal"};
-
-constexpr mode_t kPrivateMode = 0600;
-constexpr mode_t kSharedMode = 0640;
-
-class BackupLock {
-  public:
-    BackupLock() { pthread_mutex_lock(&backup_mutex); }
-    ~BackupLock() { pthread_mutex_unlock(&backup_mutex); }
-    BackupLock(const BackupLock&) = delete;
-    BackupLock& operator=(const BackupLock&) = delete;
-    BackupLock(BackupLock&&) = delete;
-    BackupLock& operator=(BackupLock&&) = delete;
-};
-
-bool present(const char* path) {
-    struct stat info {};
-    return lstat(path, &info) == 0;
-}
-
-// ---- Looking ------------------------------------------------------------------------------------
-
-enum class Reading { kComplete, kFaulty, kUnreadable };
-
-Reading failedReading(sqlite3* database) {
-    const int code = sqlite3_errcode(database);
-    const bool passing = code == SQLITE_BUSY || code == SQLITE_LOCKED || code == SQLITE_NOMEM;
-    return passing ? Reading::kUnreadable : Reading::kFaulty;
-}
-
-// SQLite's check of every page and index, and a scan of the table. The first read of a connection
-// rolls a journal back that a killed writer has left.
-Reading readInFull(const char* path) {
-    sqlite3* opened = nullptr;
-    const int status = sqlite3_open_v2(path, &opened, SQLITE_OPEN_READWRITE, nullptr);
-    const Database database{opened};
-    if (status != SQLITE_OK) {
-        return failedReading(opened);
-    }
-    const Statement check = prepare(opened, "PRAGMA integrity_check(1)");
-    if (!check || sqlite3_step(check.get()) != SQLITE_ROW) {
-        return failedReading(opened);
-    }
-    const auto* finding = reinterpret_cast<const char*>(sqlite3_column_text(check.get(), 0));
-    if (finding == nullptr || std::string_view{finding} != "ok") {
-        return Reading::kFaulty;
-    }
-    return execute(opened, "SELECT NAME,VALUE,TYPE from CONFIG") ? Reading::kComplete
-                                                                 : failedReading(opened);
-}
-
-LiveVerdict judge() {
-    if (!present(paths::kLiveDb)) {
-        return LiveVerdict::kMissing;
-    }
-    switch (readInFull(paths::kLiveDb)) {
-    case Reading::kUnreadable:
-        return LiveVerdict::kUnreadable;
-    case Reading::kFaulty:
-        return LiveVerdict::kDamaged;
-    case Reading::kComplete:
-        break;
-    }
-    switch (judgeLiveSeal()) {
-    case LiveSeal::kMatches:
-        return LiveVerdict::kSound;
-    case LiveSeal::kWrittenSince:
-        return LiveVerdict::kRecovered;
-    case LiveSeal::kBroken:
-        break;
-    }
-    return LiveVerdict::kDamaged;
-}
-
-// ---- Replacing ----------------------------------------------------------------------------------
-
-// Failures are logged; the next step finds out what they mean.
-void logFailure(const char* doing, const char* path) {
-    keldebug(kLogError, kToBoth, "cannot %s %s: %s\n", doing, path, std::strerror(errno));
-}
-
-bool flushPath(const char* path, int flags) {
-    const Fd file{open(path, flags | O_CLOEXEC)};
-    if (file && fsync(file.get()) == 0) {
-        return true;
-    }
-    logFailure("flush", path);
-    return false;
-}
-
-bool flushDirectory() {
-    return flushPath(kDirectory, O_RDONLY | O_DIRECTORY);
-}
-
-void removeFile(const char* path) {
-    if (unlink(path) != 0 && errno != ENOENT) {
-        logFailure("remove", path);
-    }
-}
-
-// A journal without its database would be rolled into the next one of that name.
-void removeCompanions() {
-    for (const char* path : kCompanions) {
-        removeFile(path);
-    }
-}
-
-// Only the first: a file that is damaged by every start must not wear the flash, and what a
-// replacement leaves that was cut short is no evidence.
-void keepEvidence() {
-    if (present(kEvidence) || !present(paths::kLiveDb)) {
-        return;
-    }
-    if (rename(paths::kLiveDb, kEvidence) == 0) {
-        keldebug(kLogError, kToBoth, "damaged live database kept as %s\n", kEvidence);
-    } else {
-        logFailure("set aside", paths::kLiveDb);
-    }
-}
-
-// The copy is what will be used, so the copy is what is examined.
-bool copySound(const char* database, const char* sidecar) {
-    removeFile(kReplacement);
-    if (copyFile(database, kReplacement) == 0 && checkFileMD5(kReplacement, sidecar) &&
-        readInFull(kReplacement) == Reading::kComplete) {
-        return true;
-    }
-    removeFile(kReplacement);
-    return false;
-}
-
-// A complete copy of a sound backup under the name kReplacement, flushed.
-bool copySoundBackup() {
-    if (!present(paths::kBackupDb) || !present(paths::kBackupDbMd5)) {
-        keldebug(kLogWarning, kToBoth, "no backup of the live database\n");
-        return false;
-    }
-    if (!copySound(paths::kBackupDb, paths::kBackupDbMd5)) {
-        keldebug(kLogError, kToBoth,
-                 "backup of the live database is not sound, or cannot be "
-                 "copied\n");
-        return false;
-    }
-    return flushPath(kReplacement, O_RDONLY);
-}
-
 void sealIfWritten() {
     // A digest taken before a journal is rolled back is the digest of something else.
-    if (present(paths::kLiveDbJournal)) {
+    if (filePresent(paths::kLiveDbJournal)) {
         keldebug(kLogError, kToBoth, "unfinished journal, live database not sealed\n");
         return;
     }
     sealLiveDatabase();
 }
 
-bool liveTableReadable() {
-    return querySQLTable("") == 1;
+// ---- Replacing ----------------------------------------------------------------------------------
+
+// The copy is what will be used, so the copy is what is examined.
+bool copyToReplacement(const char* database, const char* sidecar) {
+    dropReplacement();
+    if (copyFile(database, kLiveReplacement) == 0 && checkFileMD5(kLiveReplacement, sidecar) &&
+        readInFull(kLiveReplacement) == Reading::kComplete) {
+        return true;
+    }
+    dropReplacement();
+    return false;
 }
 
-void makeNewDatabase() {
-    removeFile(paths::kLiveDb);
-    createSQLTable();
-    if (liveTableReadable()) {
-        keldebug(kLogWarning, kToBoth, "live database made new\n");
-    } else {
-        keldebug(kLogError, kToBoth, "no live database can be made\n");
-    }
+// Good values are worth more than evidence of bad ones.
+bool makeRoomFor(std::uint64_t bytes) {
+    dropEvidence();
+    removeLiveFile();
+    return roomFor(bytes);
 }
 
 // Whatever interrupts this leaves a missing file, or one that its old seal does not match and does
-// not explain: the next start does it again. Returns whether the file was made new.
-bool replaceLiveDatabase() {
-    const bool copied = copySoundBackup();
-    removeCompanions();
-    keepEvidence();
-    const bool in_place = copied && rename(kReplacement, paths::kLiveDb) == 0;
-    if (in_place) {
-        keldebug(kLogWarning, kToBoth, "live database taken from the backup\n");
-    } else {
-        makeNewDatabase();
+// not explain: the next start does it again.
+bool replaceByBackup() {
+    const std::uint64_t needed = sizeOfFile(paths::kBackupDb);
+    const bool copied = copyToReplacement(paths::kBackupDb, paths::kBackupDbMd5);
+    if (copied) {
+        keepEvidence();
     }
-    flushDirectory();
-    sealIfWritten();
-    return !in_place;
+    if ((copied || (!roomFor(needed) && makeRoomFor(needed) &&
+                    copyToReplacement(paths::kBackupDb, paths::kBackupDbMd5))) &&
+        putReplacementInPlace()) {
+        keldebug(kLogWarning, kToBoth, "live database taken from the backup\n");
+        sealIfWritten();
+        return true;
+    }
+    keldebug(kLogError, kToBoth, "live database cannot be replaced, serving its backup\n");
+    return false;
+}
+
+bool makeNewDatabase() {
+    keepEvidence();
+    if (removeLiveFile()) {
+        createSQLTable();
+        if (querySQLTable("") == 1) {
+            keldebug(kLogWarning, kToBoth, "live database made new\n");
+            sealIfWritten();
+            return true;
+        }
+    }
+    keldebug(kLogError, kToBoth, "no live database can be made, serving the trees' defaults\n");
+    return false;
 }
 
 // ---- Completing ---------------------------------------------------------------------------------
@@ -258,6 +111,7 @@ void completeLiveDatabase(bool fresh) {
         addMissingNames();
     } else {
         keldebug(kLogError, kToBoth, "live database cannot be written, no names added\n");
+        noteStorageFault();
     }
     if (storageFaultNoted()) {
         keldebug(kLogError, kToBoth, "storage failed, names may be missing\n");
@@ -265,122 +119,81 @@ void completeLiveDatabase(bool fresh) {
     sealIfWritten();
 }
 
-void logVerdict(LiveVerdict verdict) {
-    switch (verdict) {
-    case LiveVerdict::kSound:
-        keldebug(kLogInfo, kToBoth, "live database sound\n");
-        break;
-    case LiveVerdict::kRecovered:
-        keldebug(kLogWarning, kToBoth, "live database recovered from an interrupted write\n");
-        break;
-    case LiveVerdict::kDamaged:
-        keldebug(kLogError, kToBoth, "live database damaged\n");
-        break;
-    case LiveVerdict::kMissing:
-        keldebug(kLogWarning, kToBoth, "live database missing\n");
-        break;
-    case LiveVerdict::kUnreadable:
-        keldebug(kLogWarning, kToBoth, "live database cannot be read now, waiting\n");
-        break;
-    }
-}
-
-// kUnreadable also when the patience ended, which then is `stopped`.
-LiveVerdict awaitVerdict(const Patience& patience, bool& stopped) {
-    LiveVerdict verdict = judgeLiveDatabase();
-    logVerdict(verdict);
-    for (int second = 0; verdict == LiveVerdict::kUnreadable && second < kLockPatience; ++second) {
-        stopped = !patience();
-        if (stopped) {
-            return verdict;
-        }
-        verdict = judgeLiveDatabase();
-        if (verdict != LiveVerdict::kUnreadable) {
-            logVerdict(verdict);
-        }
-    }
-    return verdict;
-}
-
-// SQLite's locks do not hold off a plain read; the sidecar tells whether what was read is whole.
-LiveSource copyUnreadable() {
-    if (copySound(paths::kLiveDb, paths::kLiveDbMd5)) {
-        keldebug(kLogWarning, kToBoth, "live database is locked, serving a sealed copy of it\n");
-        return {.copy = kReplacement, .temporary = true};
-    }
-    if (copySoundBackup()) {
-        keldebug(kLogWarning, kToBoth, "live database cannot be read, serving the backup\n");
-        return {.copy = kReplacement, .temporary = true};
-    }
-    keldebug(kLogError, kToBoth, "live database cannot be read, nothing to serve\n");
-    return {};
-}
-
-// Nothing could be written: the disk is full or read-only.
-LiveSource sourceWithoutFile() {
-    if (checkFileMD5(paths::kBackupDb, paths::kBackupDbMd5) &&
-        readInFull(paths::kBackupDb) == Reading::kComplete) {
-        keldebug(kLogWarning, kToBoth, "no live database, serving the backup\n");
-        return {.copy = paths::kBackupDb};
-    }
-    keldebug(kLogError, kToBoth, "no live database, nothing to serve\n");
-    return {};
-}
-
-LiveSource readyFile(LiveVerdict verdict) {
-    const bool replace = verdict == LiveVerdict::kDamaged || verdict == LiveVerdict::kMissing;
-    const bool fresh = replace && replaceLiveDatabase();
-    if (fresh && !liveTableReadable()) {
-        return sourceWithoutFile();
-    }
+LiveSource complete(bool fresh) {
     protectStoredFiles();
     completeLiveDatabase(fresh);
     protectStoredFiles();
-    if (verdict != LiveVerdict::kSound || !present(paths::kBackupDb)) {
+    // A kill after a pass and before its backup leaves an older one, or none.
+    if (!checkFileMD5(paths::kBackupDb, paths::kLiveDbMd5)) {
         backup_pending = 1;
     }
+    return {.origin = LiveOrigin::kLiveFile, .path = paths::kLiveDb};
+}
+
+LiveSource replaceLiveDatabase() {
+    if (backupSound()) {
+        if (replaceByBackup()) {
+            return complete(false);
+        }
+        setLiveFile(LiveFile::kLost);
+        return {.origin = LiveOrigin::kBackup, .path = paths::kBackupDb};
+    }
+    if (makeNewDatabase()) {
+        return complete(true);
+    }
+    setLiveFile(LiveFile::kLost);
+    return {.origin = LiveOrigin::kTrees};
+}
+
+// ---- Locked by another process ------------------------------------------------------------------
+
+// SQLite's locks do not hold off a plain read; the sidecar tells whether what was read is whole.
+LiveSource copyLocked() {
+    if (copyToReplacement(paths::kLiveDb, paths::kLiveDbMd5)) {
+        keldebug(kLogWarning, kToBoth, "live database is locked, serving a sealed copy of it\n");
+        return {.origin = LiveOrigin::kLocked, .path = kLiveReplacement, .temporary = true};
+    }
+    if (backupSound()) {
+        keldebug(kLogWarning, kToBoth, "live database cannot be read, serving the backup\n");
+        return {.origin = LiveOrigin::kLocked, .path = paths::kBackupDb};
+    }
+    keldebug(kLogError, kToBoth, "live database cannot be read, waiting on\n");
     return {};
 }
 
-void protectFile(const char* path) {
-    shareWithBusGroup(path);
-    struct stat info {};
-    if (lstat(path, &info) != 0 || !S_ISREG(info.st_mode)) {
-        return;
+// Tries once. Stopped when the file is locked.
+LiveSource tryToReady(std::optional<LiveVerdict>& logged) {
+    const BackupSection lock;
+    const LiveVerdict verdict = judgeLiveDatabase();
+    if (verdict != std::exchange(logged, verdict)) {
+        logVerdict(verdict);
     }
-    const bool shared = busGroup() == info.st_gid;
-    const mode_t mode = shared ? kSharedMode : kPrivateMode;
-    if ((info.st_mode & ALLPERMS) != mode && chmod(path, mode) != 0) {
-        logFailure("protect", path);
+    if (verdict == LiveVerdict::kUnreadable) {
+        return {};
     }
+    dropReplacement(); // left by a start that was cut short
+    const bool good = verdict == LiveVerdict::kSound || verdict == LiveVerdict::kRecovered;
+    LiveSource source = good ? complete(false) : replaceLiveDatabase();
+    if (source.origin == LiveOrigin::kLiveFile) {
+        source.hold = holdForReading(paths::kLiveDb);
+        return source.hold ? std::move(source) : LiveSource{};
+    }
+    return source;
 }
 
 } // namespace
 
-LiveVerdict judgeLiveDatabase() {
-    const BackupLock lock;
-    return judge();
-}
-
 LiveSource readyLiveStore(const Patience& patience) {
-    bool stopped = false;
-    const LiveVerdict verdict = awaitVerdict(patience, stopped);
-    if (stopped) {
-        return {.stopped = true};
-    }
-    const BackupLock lock;
-    return verdict == LiveVerdict::kUnreadable ? copyUnreadable() : readyFile(verdict);
-}
-
-void dropCopy(const LiveSource& source) {
-    if (source.temporary) {
-        removeFile(source.copy);
-    }
-}
-
-void protectStoredFiles() {
-    for (const char* path : kProtected) {
-        protectFile(path);
+    std::optional<LiveVerdict> logged;
+    for (int second = 0;; ++second) {
+        LiveSource source = tryToReady(logged);
+        if (source.origin == LiveOrigin::kStopped && second == kLockPatience) {
+            const BackupSection lock;
+            source = copyLocked();
+        }
+        if (source.origin != LiveOrigin::kStopped || !patience()) {
+            return source;
+        }
     }
 }
 

@@ -8,39 +8,24 @@
 #include "daemon/notify.h"
 #include "daemon/runtime_dir.h"
 #include "daemon/service.h"
+#include "daemon/stop_signal.h"
 #include "log/keldebug.h"
 
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <exception>
+#include <utility>
 
 namespace kelconf {
 namespace {
 
-// Blocked in every thread: the main thread takes them when it waits.
-sigset_t stopSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    return set;
-}
-
-void holdSignals() {
-    const sigset_t set = stopSignals();
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-}
-
 bool waitOneSecond() {
-    const sigset_t set = stopSignals();
-    const timespec second{1, 0};
-    return sigtimedwait(&set, nullptr, &second) < 0;
+    return stopSignalWithin(std::chrono::seconds{1}) == 0;
 }
 
 void announceReady() {
@@ -56,32 +41,42 @@ void announceReady() {
 }
 
 void serveUntilSignal() {
-    int signal_number = 0;
-    const sigset_t set = stopSignals();
-    sigwait(&set, &signal_number);
-    keldebug(kLogInfo, kToBoth, "kelconfd stops on signal %d\n", signal_number);
+    if (endOfStart() == 0) {
+        announceReady();
+    }
+    keldebug(kLogInfo, kToBoth, "kelconfd stops on signal %d\n", awaitStopSignal());
 }
 
-int run() {
-    holdSignals();
+// False, with a log line, when this process must not run.
+bool takeGround(Fd& lock) {
     restrictFileModes();
     const Fd directory = openRuntimeDirectory(endpoints::kDirectory, geteuid());
     if (!directory) {
-        return EXIT_FAILURE;
+        return false;
     }
-    const Fd lock = lockInstance(directory);
-    if (!lock) {
-        return EXIT_FAILURE;
-    }
+    lock = lockInstance(directory);
     raiseDescriptorLimit();
-    const LiveSource source = readyLiveStore(waitOneSecond);
-    if (source.stopped) {
+    return static_cast<bool>(lock);
+}
+
+int run() {
+    std::signal(SIGPIPE, SIG_IGN);
+    holdStopSignals();
+    Fd lock;
+    if (!takeGround(lock)) {
+        return EXIT_FAILURE;
+    }
+    if (!watchStopSignals()) {
+        keldebug(kLogError, kToBoth, "no thread for the stop signals\n");
+        return EXIT_FAILURE;
+    }
+    LiveSource source = readyLiveStore(waitOneSecond);
+    if (source.origin == LiveOrigin::kStopped) {
         return EXIT_SUCCESS;
     }
-    if (!startService(source)) {
+    if (!startService(std::move(source))) {
         std::quick_exit(EXIT_FAILURE); // threads may be left: no destructor runs under them
     }
-    announceReady();
     serveUntilSignal();
     notifyManager(kNotifyStopping);
     stopService();

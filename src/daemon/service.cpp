@@ -3,14 +3,18 @@
 #include "bus/bus_context.h"
 #include "bus/event_publisher.h"
 #include "bus/request_loops.h"
+#include "bus/service_locks.h"
+#include "daemon/live_files.h"
+#include "daemon/live_renewal.h"
+#include "daemon/live_values.h"
 #include "db/live_db.h"
 #include "db/update_retries.h"
 #include "files/backup.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"
-#include "service/param_list.h"
 #include "service/password_state.h"
 #include "service/request_lists.h"
+#include "service/unstored.h"
 #include "service/write_back.h"
 
 #include <pthread.h>
@@ -21,6 +25,7 @@
 #include <cstring>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace kelconf {
 
@@ -45,13 +50,15 @@ void relaySets() {
 
 // A copy of a database that cannot be read would take the place of a good one.
 bool liveDatabaseReadable() {
-    pthread_mutex_lock(&backup_mutex);
-    const bool readable = querySQLTable("") == 1;
-    pthread_mutex_unlock(&backup_mutex);
-    return readable;
+    const BackupSection lock;
+    return querySQLTable("") == 1;
 }
 
 void runUpkeepOnce() {
+    renewLiveFile();
+    if (liveFile() == LiveFile::kLost) {
+        return;
+    }
     resettlePasswords();
     storeFailedChanges();
     if (backup_pending != 0 && liveDatabaseReadable()) {
@@ -125,19 +132,13 @@ void join(ServiceThread& thread) {
     }
 }
 
-void loadLiveValues(const LiveSource& source) {
-    pthread_mutex_lock(&backup_mutex);
-    initParamList();
-    if (source.copy == nullptr) {
-        loadSQLDB();
-        settlePasswords();
-    } else {
-        loadDatabaseFile(source.copy);
-        adoptPasswords(source.copy);
-        dropCopy(source);
+// The last word on what is lost with the process.
+void reportUnstored() {
+    const CriticalSection lock;
+    if (anyUnstored()) {
+        keldebug(kLogError, kToBoth, "%d changes could not be stored\n",
+                 static_cast<int>(unstoredChanges().size()));
     }
-    keldebug(kLogInfo, kToBoth, "%d live parameters loaded\n", CheckParamListLength());
-    pthread_mutex_unlock(&backup_mutex);
 }
 
 bool openBus() {
@@ -186,8 +187,8 @@ class RetryDeadline {
 
 } // namespace
 
-bool startService(const LiveSource& source) {
-    loadLiveValues(source);
+bool startService(LiveSource source) {
+    loadLiveValues(std::move(source));
     if (!openBus()) {
         return false;
     }
@@ -211,6 +212,7 @@ void stopService() {
     }
     endUpdateRetries();
     runUpkeepOnce();
+    reportUnstored();
     closeEventSocket(kEventLinger);
     shutdownBusContext();
     for (ServiceThread& thread : threads) {

@@ -13,9 +13,10 @@ namespace kelconf {
 // and starts the threads. Returns when all loops and brokers have opened their endpoints. False,
 // with a log line, when there is no bus context or a thread cannot be started: the process is to
 // end. A failed bind of the publisher or a broker ends it with status 0.
-bool startService(const LiveSource& source);
+bool startService(LiveSource source);
 
-// The upkeep runs this often: it takes a pending backup and stores what could not be stored before.
+// The upkeep runs this often: it makes a live file anew that is lost (daemon/live_renewal.h),
+// stores what could not be stored before and takes a pending backup.
 inline constexpr int kUpkeepPeriod = 5; // seconds
 
 // Ends the service in order: no further request is taken, the queue is stored and announced, a

@@ -4,6 +4,8 @@
 #include "db/update_retries.h"
 #include "paths.h"
 
+#include <utility>
+
 namespace kelconf {
 
 namespace {
@@ -54,6 +56,14 @@ std::int64_t readUserVersion(const char* path) {
     return database.opened ? readNumber(database.handle.get(), "PRAGMA user_version") : -1;
 }
 
+Database holdForReading(const char* path) {
+    OpenedDatabase database = openDatabase(path);
+    sqlite3* handle = database.handle.get();
+    const bool held = database.opened && execute(handle, "BEGIN") &&
+                      execute(handle, "SELECT NAME FROM CONFIG LIMIT 1");
+    return held ? std::move(database.handle) : Database{};
+}
+
 std::optional<std::string> readLiveValue(const char* name) {
     const OpenedDatabase database = openDatabase(paths::kLiveDb);
     const Statement query = prepare(database.handle.get(), "SELECT VALUE FROM CONFIG WHERE NAME=?");
@@ -65,6 +75,15 @@ std::optional<std::string> readLiveValue(const char* name) {
         return {};
     }
     return std::string{textOf(query.get(), 0)};
+}
+
+void visitTypes(const char* path,
+                const std::function<void(std::string_view, std::string_view)>& visit) {
+    const OpenedDatabase database = openDatabase(path);
+    const Statement query = prepare(database.handle.get(), "SELECT NAME,TYPE FROM CONFIG");
+    while (query && sqlite3_step(query.get()) == SQLITE_ROW) {
+        visit(textOf(query.get(), 0), textOf(query.get(), 1));
+    }
 }
 
 std::vector<std::string> namesFrom(const char* path, std::int64_t offset) {
@@ -94,8 +113,9 @@ bool storeTogether(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(
     return false;
 }
 
-bool makeTable(const std::vector<NewRow>& rows, std::int32_t (*version_of)(std::int64_t)) {
-    const OpenedDatabase database = openDatabase(paths::kLiveDb);
+bool makeDatabase(const char* path, const std::vector<NewRow>& rows,
+                  std::int32_t (*version_of)(std::int64_t)) {
+    const OpenedDatabase database = openDatabase(path);
     sqlite3* handle = database.handle.get();
     if (!database.opened || !execute(handle, kLiveSynchronous) ||
         !execute(handle, "BEGIN TRANSACTION") || !execute(handle, kCreateLiveTable)) {

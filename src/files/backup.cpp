@@ -84,11 +84,12 @@ void createBackupDBTask() {
     if (backup_pending == 0) {
         return;
     }
-    pthread_mutex_lock(&backup_mutex);
-    creatBackupDB();
-    createFileMD5(paths::kBackupDb, paths::kBackupDbMd5);
-    backup_pending = 0;
-    pthread_mutex_unlock(&backup_mutex);
+    {
+        const BackupSection lock;
+        creatBackupDB();
+        createFileMD5(paths::kBackupDb, paths::kBackupDbMd5);
+        backup_pending = 0;
+    }
     sync();
 }
 

@@ -15,6 +15,17 @@ namespace kelconf {
 extern pthread_mutex_t backup_mutex;
 extern std::atomic<std::uint8_t> backup_pending;
 
+// Holds backup_mutex until the end of the block.
+class [[nodiscard]] BackupSection {
+  public:
+    BackupSection() { pthread_mutex_lock(&backup_mutex); }
+    ~BackupSection() { pthread_mutex_unlock(&backup_mutex); }
+    BackupSection(const BackupSection&) = delete;
+    BackupSection& operator=(const BackupSection&) = delete;
+    BackupSection(BackupSection&&) = delete;
+    BackupSection& operator=(BackupSection&&) = delete;
+};
+
 // Starts a detached thread. 0, or the error number. Nobody waits for it or gets its id.
 std::int32_t CreateThread(void* (*routine)(void*), void* argument);
 

@@ -9,8 +9,6 @@
 #include "service/passwords.h"
 #include "text/text.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <limits>
@@ -44,9 +42,9 @@ void setLiveSwitch(const char* value) {
 
 // Scrambles the live values of passwords that were added after the mark, so that all of them are
 // as the mark says. The rows that are to follow.
-std::vector<LiveRow> scrambleAddedValues(const PasswordMark& mark, const char* path) {
+std::vector<LiveRow> scrambleAddedValues(const std::vector<std::string>& added) {
     std::vector<LiveRow> rows;
-    for (const std::string& name : namesFrom(path, mark.rows)) {
+    for (const std::string& name : added) {
         ParamElement* element = seekParamElement(name.c_str());
         if (element != nullptr && isPasswordName(element->name) && strlens(element->value) > 0) {
             rows.push_back({name, scrambledForm(element->value)});
@@ -57,24 +55,24 @@ std::vector<LiveRow> scrambleAddedValues(const PasswordMark& mark, const char* p
 }
 
 // Brings the rows and the switch in line with a mark that says scrambled.
-void settleScrambled(const PasswordMark& mark) {
-    std::vector<LiveRow> rows = scrambleAddedValues(mark, paths::kLiveDb);
+void settleScrambled(const StoredPasswords& stored) {
+    std::vector<LiveRow> rows = scrambleAddedValues(stored.added);
     const ParamElement* flag = seekParamElement(kPasswordSwitch);
     if (flag != nullptr && viewOf(flag->value) != "1") {
         rows.push_back({kPasswordSwitch, "1"});
     }
     setLiveSwitch("1");
-    if (!rows.empty() || mark.rows != CheckParamListLength()) {
+    if (!rows.empty() || stored.mark.rows != CheckParamListLength()) {
         storeTogether(rows, scrambledMark, kAttempts);
     }
 }
 
-bool isSettled(const PasswordMark& mark) {
-    if (!mark.present) {
+bool isSettled(const StoredPasswords& stored) {
+    if (!stored.mark.present) {
         return false;
     }
-    const bool wanted = mark.scrambled || validatePrivateCampass() == 1;
-    return !wanted || (mark.scrambled && namesFrom(paths::kLiveDb, mark.rows).empty());
+    const bool wanted = stored.mark.scrambled || validatePrivateCampass() == 1;
+    return !wanted || (stored.mark.scrambled && stored.added.empty());
 }
 
 std::vector<LiveRow> scrambledPasswords() {
@@ -110,40 +108,56 @@ std::int32_t plainMark(std::int64_t rows) {
 }
 
 void markPasswordState(bool fresh) {
-    if (currentMark().present) {
-        return;
+    bool scrambled = false;
+    { // a locked file has no mark that could be read, which is not to have none
+        const Database hold = holdForReading(paths::kLiveDb);
+        if (!hold || currentMark().present) {
+            return;
+        }
+        const auto value = fresh ? std::nullopt : readLiveValue(kPasswordSwitch);
+        scrambled = value.has_value() && *value != "0";
     }
-    const auto value = fresh ? std::nullopt : readLiveValue(kPasswordSwitch);
-    const bool scrambled = value.has_value() && *value != "0";
     storeTogether({}, scrambled ? scrambledMark : plainMark, kAttempts);
 }
 
-void settlePasswords() {
-    const PasswordMark mark = currentMark();
+StoredPasswords readStoredPasswords(const char* path) {
+    const PasswordMark mark = passwordMarkOf(readUserVersion(path));
+    return {mark, mark.present ? namesFrom(path, mark.rows) : std::vector<std::string>{}};
+}
+
+void settlePasswords(const StoredPasswords& stored) {
+    const PasswordMark& mark = stored.mark;
     if (mark.present && mark.scrambled) {
-        settleScrambled(mark);
+        settleScrambled(stored);
     } else if (mark.present) {
         setLiveSwitch("0");
     }
     restorPlainPassword();
     const bool was_scrambled = checkPasswordEncryption() == 1;
     encryptAllPasswordInDB();
-    const PasswordMark now = currentMark();
-    support_campass = (now.present ? now.scrambled : was_scrambled) ? 1 : 0;
+    const StoredPasswords now = readStoredPasswords(paths::kLiveDb);
+    support_campass = (now.mark.present ? now.mark.scrambled : was_scrambled) ? 1 : 0;
     unsettled = !isSettled(now);
 }
 
-void adoptPasswords(const char* path) {
-    const PasswordMark mark = passwordMarkOf(readUserVersion(path));
+void adoptPasswords(const StoredPasswords& stored, bool later) {
+    const PasswordMark& mark = stored.mark;
     if (mark.present) {
         setLiveSwitch(mark.scrambled ? "1" : "0");
     }
     if (mark.present && mark.scrambled) {
-        scrambleAddedValues(mark, path);
+        scrambleAddedValues(stored.added);
     }
     restorPlainPassword();
     const bool scrambled = mark.present ? mark.scrambled : checkPasswordEncryption() == 1;
     support_campass = scrambled ? 1 : 0;
+    unsettled = later && !isSettled(stored);
+}
+
+void adoptPlainPasswords() {
+    setLiveSwitch("1");
+    support_campass = validatePrivateCampass() == 1 ? 1 : 0;
+    unsettled = false;
 }
 
 void resettlePasswords() {
@@ -152,7 +166,7 @@ void resettlePasswords() {
     }
     const GetAllCriticalSection requests; // the listings read the switch under it
     const CriticalSection lock;
-    pthread_mutex_lock(&backup_mutex);
+    const BackupSection files;
     const bool scramble = validatePrivateCampass() == 1;
     const std::vector<LiveRow> rows = scramble ? scrambledPasswords() : std::vector<LiveRow>{};
     if (storeTogether(rows, scramble ? scrambledMark : plainMark, 1)) {
@@ -162,7 +176,6 @@ void resettlePasswords() {
         sealLiveDatabase();
         backup_pending = 1;
     }
-    pthread_mutex_unlock(&backup_mutex);
 }
 
 } // namespace kelconf

@@ -14,6 +14,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace kelconf {
 
@@ -33,18 +35,28 @@ std::int32_t plainMark(std::int64_t rows);
 // names are added. `fresh`: the file was just made, so all its passwords will be plain defaults.
 void markPasswordState(bool fresh);
 
-// After loading: scrambles passwords that a newer tree added, brings the switch in line with the
-// mark, makes the live passwords plain, converts a plain database, and lets the write-back store
-// passwords the way the database then has them.
-void settlePasswords();
+// What a file says of its passwords, to be read while its values cannot change (holdForReading of
+// db/live_rows.h).
+struct StoredPasswords {
+    PasswordMark mark;
+    std::vector<std::string> added; // the names of the rows beyond the mark's number
+};
+StoredPasswords readStoredPasswords(const char* path);
 
-// The same after loading from a copy of the live database at `path`, which cannot be read itself:
-// nothing is stored.
-void adoptPasswords(const char* path);
+// After loading from the live database: scrambles passwords that a newer tree added, brings the
+// switch in line with the mark, makes the live passwords plain, converts a plain database, and lets
+// the write-back store passwords the way the database then has them.
+void settlePasswords(const StoredPasswords& stored);
 
-// Stores what settlePasswords could not, from the live values, in one attempt. Does nothing, at no
-// cost, when all is settled. Takes the get-all lock, the parameter lock and
-// backup_mutex.
+// The same after loading from a file that is not to be written now: nothing is stored. `later`:
+// resettlePasswords is to make up for what is left to do.
+void adoptPasswords(const StoredPasswords& stored, bool later);
+
+// The same when the live values are plain and stand in no file yet.
+void adoptPlainPasswords();
+
+// Stores what the start could not, from the live values, in one attempt. Does nothing, at no
+// cost, when all is settled. Takes the get-all lock, the parameter lock and backup_mutex.
 void resettlePasswords();
 
 } // namespace kelconf

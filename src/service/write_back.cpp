@@ -4,23 +4,19 @@
 #include "bus/event_publisher.h"
 #include "bus/service_locks.h"
 #include "db/live_db.h"
-#include "db/live_rows.h"
 #include "files/backup.h"
 #include "files/live_seal.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"
-#include "service/param_list.h"
-#include "service/password_state.h"
 #include "service/passwords.h"
+#include "service/unstored.h"
 #include "text/text.h"
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <set>
+#include <map>
 #include <string>
-#include <vector>
 
 namespace kelconf {
 
@@ -46,17 +42,10 @@ std::string withDoubledQuotes(std::string_view value) {
     return text;
 }
 
-// Names whose last storing failed. Guarded by the parameter lock; the flag says without it
-// whether there are any.
-std::set<std::string>& failedNames() {
-    static std::set<std::string> names;
-    return names;
-}
-std::atomic<bool> any_failed{false};
+using Update = std::int32_t (*)(const char*, const char*);
 
 // Hands the value to `update` in the form of the stored text.
-std::int32_t updateStored(std::int32_t (*update)(const char*, const char*), const char* name,
-                          const char* value) {
+std::int32_t updateStored(Update update, const char* name, const char* value) {
     if (strlens(value) == 0) {
         return update(name, "");
     }
@@ -69,43 +58,27 @@ std::int32_t updateStored(std::int32_t (*update)(const char*, const char*), cons
     return update(name, value);
 }
 
-void storeValue(const char* name, const char* value) {
-    if (updateStored(robustUpdateSQLEntry, name, value) == 1) {
-        if (any_failed) {
-            failedNames().erase(name);
-        }
-        return;
+// A storage that has refused one row for ten seconds is not asked that long for each of the others:
+// the locks are held meanwhile.
+void storeValue(Update& update, const char* name, const char* value) {
+    if (liveFile() != LiveFile::kLost && updateStored(update, name, value) == 1) {
+        update = robustUpdateSQLEntry;
+        noteStored(name);
+    } else {
+        update = updateSQLEntry;
+        noteUnstored(name, value);
     }
-    failedNames().insert(name);
-    any_failed = true;
-}
-
-// The file was deleted under the service: everything is stored anew. Which type word a parameter
-// had, other than realtime, is not known any more.
-bool rebuildFromMemory() {
-    std::vector<NewRow> rows;
-    for (std::uint32_t i = 0; const ParamElement* param = paramElementAt(i); ++i) {
-        const bool scramble = support_campass != 0 && isPasswordName(param->name);
-        rows.push_back({param->name, scramble ? scrambledForm(param->value) : param->value,
-                        param->persistent == 1 ? "" : "realtime"});
-    }
-    if (rows.empty() || !makeTable(rows, support_campass != 0 ? scrambledMark : plainMark)) {
-        return false;
-    }
-    keldebug(kLogWarning, kToBoth, "live database had lost its table, made anew from memory\n");
-    failedNames().clear();
-    return true;
 }
 
 // True when none is left.
-bool retryFailedNames() {
-    std::set<std::string>& names = failedNames();
-    while (!names.empty()) {
-        const ParamElement* param = seekParamElement(names.begin()->c_str());
-        if (param != nullptr && updateStored(updateSQLEntry, param->name, param->value) != 1) {
+bool retryUnstored() {
+    const std::map<std::string, std::string>& changes = unstoredChanges();
+    while (!changes.empty()) {
+        const auto [name, value] = *changes.begin();
+        if (updateStored(updateSQLEntry, name.c_str(), value.c_str()) != 1) {
             return false;
         }
-        names.erase(names.begin());
+        noteStored(name.c_str());
     }
     return true;
 }
@@ -135,6 +108,7 @@ void logChange(const QueueItem& item) {
 
 // Stores every queued change; what is not announced at once is left in the batch.
 void drainQueue(simlist& batch) {
+    Update update = robustUpdateSQLEntry;
     std::int64_t total = 0;
     while (item_queue_size() > 0) {
         QueueItem* item = item_queue_dequeue();
@@ -142,7 +116,7 @@ void drainQueue(simlist& batch) {
             return;
         }
         logChange(*item);
-        storeValue(item->name, item->value);
+        storeValue(update, item->name, item->value);
         total += sizeOf(*item);
         if (total > kBatchLimit || !moveToBatch(batch, *item)) {
             sendEvent(item->name, item->value, item->prev_value);
@@ -165,34 +139,33 @@ void saveFileDirect() {
 }
 
 void writeParamToFile() {
-    pthread_mutex_lock(&backup_mutex);
+    const BackupSection lock;
     simlist batch;
     simlist_init(&batch);
     simlist_attributes_copy(&batch, changeMeter, 1);
     drainQueue(batch);
-    sealLiveDatabase();
+    if (liveFile() != LiveFile::kLost) {
+        sealLiveDatabase();
+    }
     if (simlist_size(&batch) > 0) {
         sendMultipleEvent(&batch);
     }
     simlist_destroy(&batch);
     backup_pending = 1;
     sync();
-    pthread_mutex_unlock(&backup_mutex);
 }
 
 void storeFailedChanges() {
-    if (!any_failed) {
+    if (!anyUnstored()) {
         return;
     }
     const CriticalSection lock;
-    pthread_mutex_lock(&backup_mutex);
-    if (rebuildFromMemory() || retryFailedNames()) {
-        any_failed = false;
+    const BackupSection files;
+    if (liveFile() != LiveFile::kLost && retryUnstored()) {
         sealLiveDatabase();
         backup_pending = 1;
         keldebug(kLogInfo, kToBoth, "live database: changes that had failed are stored\n");
     }
-    pthread_mutex_unlock(&backup_mutex);
 }
 
 std::int32_t checkParamLoggable(const char* name) {

@@ -2,7 +2,9 @@
 //
 // A pass runs with the parameter lock held by its caller, and holds backup_mutex from beginning to
 // end. It takes every record out of the queue; none is ever put back. A row that cannot be
-// written after all attempts is announced like the others: the live value has changed.
+// written after all attempts is announced like the others, since the live value has changed, and
+// noted (service/unstored.h). After it, the rows of the same pass get one attempt each as long as
+// they fail too. A live file that is lost is neither written nor sealed.
 #pragma once
 
 #include <cstdint>
@@ -22,9 +24,8 @@ void saveFileDirect();
 // pass, also one that stored nothing.
 void writeParamToFile();
 
-// Tries once more to store the live values of parameters whose storing failed in a pass; takes
-// the parameter lock and backup_mutex. Seals the database when all of them are stored. Does
-// nothing, at no cost, when none has failed.
+// Tries once more to store what the passes could not; takes the parameter lock and backup_mutex.
+// Seals the database when all of it is stored. Does nothing, at no cost, when there is none.
 void storeFailedChanges();
 
 // 1 when a change of that parameter may show its value in the log: no "passwd" in the name.

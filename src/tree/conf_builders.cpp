@@ -2,6 +2,7 @@
 
 #include "db/default_db.h"
 #include "db/sqlite_handle.h"
+#include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
 #include "paths.h"
@@ -36,7 +37,8 @@ void reportWalk(const TreeWalkResult& walk) {
 }
 
 // False, with nothing done but the log line, when the tree cannot be parsed.
-bool buildFrom(const char* tree, void (*write)()) {
+template <typename Write>
+bool buildFrom(const char* tree, Write write) {
     XmlDoc document = readTreeFile(tree);
     if (!document) {
         keldebug(kLogError, kToBoth, "error: could not parse file ");
@@ -134,6 +136,27 @@ void addXItemInDatabase() {
         noteStorageFault();
     }
     keldebug(kLogInfo, kToBoth, "insert finishes\n");
+}
+
+void visitLiveItems(const std::function<void(const xitem&)>& visit) {
+    const auto visit_all = [&] {
+        for (std::uint32_t i = 0; const xitem* item = xitemAt(i); ++i) {
+            if (belongsToLiveTable(*item)) {
+                visit(*item);
+            }
+        }
+    };
+    initXitemList();
+    if (!buildFrom(paths::kNeutralTree, visit_all)) {
+        delXitemList();
+    }
+    if (extTreeFileExist()) {
+        initXitemList();
+        if (!buildFrom(paths::kExtTree, visit_all)) {
+            delXitemList();
+        }
+    }
+    malloc_trim(0);
 }
 
 } // namespace kelconf

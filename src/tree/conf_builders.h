@@ -9,6 +9,10 @@
 // process with status 0, since without it there is nothing to serve.
 #pragma once
 
+#include "tree/xitem.h"
+
+#include <functional>
+
 namespace kelconf {
 
 // Into CONFIGDEFAULT of the default database, every parameter. createDefaultConf returns the
@@ -23,5 +27,10 @@ void createExtConf();
 // Adds the items of xitem_list to CONFIG, in one transaction. Names beginning with "ipcam."
 // (in any letter case) are left out; names that the table holds keep their rows.
 void addXItemInDatabase();
+
+// Hands out the items that CONFIG is to hold, those of the neutral tree first; a name may come
+// twice. Initialises xitem_list itself and writes nothing. A tree that cannot be parsed is logged
+// and passed over.
+void visitLiveItems(const std::function<void(const xitem&)>& visit);
 
 } // namespace kelconf

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -38,7 +39,11 @@ Fd listenForNotifications() {
     return in;
 }
 
-[[noreturn]] void runDaemon() {
+[[noreturn]] void runDaemon(const std::vector<std::string>& environment) {
+    for (const std::string& setting : environment) {
+        const std::size_t equals = setting.find('=');
+        setenv(setting.substr(0, equals).c_str(), setting.c_str() + equals + 1, 1);
+    }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const char* bin = std::getenv("KELCONF_BIN");
     const std::string program = std::string(bin == nullptr ? "." : bin) + "/kelconfd";
@@ -49,10 +54,11 @@ Fd listenForNotifications() {
 
 } // namespace
 
-Daemon::Daemon() : notifications_(listenForNotifications()) {
+Daemon::Daemon(const std::vector<std::string>& environment)
+    : notifications_(listenForNotifications()) {
     process_ = fork();
     if (process_ == 0) {
-        runDaemon();
+        runDaemon(environment);
     }
     handle_ = Fd{static_cast<int>(syscall(SYS_pidfd_open, process_, 0))};
     if (process_ < 0 || !handle_) {
@@ -119,6 +125,19 @@ std::string treeOf(const std::string& elements) {
 
 std::string leaf(const std::string& name, const std::string& type, const std::string& value) {
     return "<" + name + " type=\"" + type + "\">" + value + "</" + name + ">";
+}
+
+std::string loggedUntil(DeviceLog& log, const std::string& text) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds{kDeadline};
+    std::string all;
+    while (all.find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            throw std::runtime_error("not logged in time: " + text);
+        }
+        usleep(20'000); // the sinks are asked again, nothing is decided by it
+        all += log.take().console;
+    }
+    return all;
 }
 
 std::string contentOf(const std::string& path) {

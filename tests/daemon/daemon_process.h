@@ -2,10 +2,12 @@
 #pragma once
 
 #include "files/fd.h"
+#include "support/device_log.h"
 
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace kelconf::test {
 
@@ -14,8 +16,8 @@ namespace kelconf::test {
 // wait has a deadline of a minute.
 class Daemon {
   public:
-    // `environment` of the notification aside, as a boot script would start it.
-    Daemon();
+    // `environment`: "NAME=VALUE", in addition to what a boot script would start it with.
+    explicit Daemon(const std::vector<std::string>& environment = {});
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -45,6 +47,10 @@ void resetDevice(const std::string& neutral_tree);
 std::string treeOf(const std::string& elements);
 // One leaf.
 std::string leaf(const std::string& name, const std::string& type, const std::string& value);
+
+// What was logged to the console since `log` began or was asked last, as soon as `text` is among
+// it; a test that waits for longer than a minute fails.
+std::string loggedUntil(DeviceLog& log, const std::string& text);
 
 // All bytes of a file, empty when there is none.
 std::string contentOf(const std::string& path);

@@ -89,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
         Damage{"cut in half", [] { fs::resize_file(kLive, fs::file_size(kLive) / 2); },
                "live database damaged", "backed-up", true},
         Damage{"emptied", [] { fs::resize_file(kLive, 0); }, "live database damaged", "backed-up",
-               true},
+               false},
         Damage{"deleted", [] { fs::remove(kLive); }, "live database missing", "backed-up", false},
         Damage{"deleted with its backup",
                [] {

@@ -15,7 +15,9 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
 namespace kelconf::test {
@@ -139,18 +141,23 @@ TEST(SecondStart, IsRefusedAndDisturbsNothing) {
     EXPECT_TRUE(third.awaitReady()) << "the lock ends with its process";
 }
 
-TEST(Ground, ALinkInPlaceOfTheDirectoryIsRefused) {
+TEST(Ground, WhatIsNoDirectoryOfItsOwnIsRefused) {
     resetDevice(treeOf(leaf("name", "string", "a")));
     fs::create_directory("/tmp/elsewhere");
-    fs::create_directory_symlink("/tmp/elsewhere", "/tmp/kelbus");
-    DeviceLog log;
-    Daemon daemon;
-    EXPECT_FALSE(daemon.awaitReady());
-    EXPECT_EQ(daemon.awaitEnd(), 1);
-    EXPECT_TRUE(logHas(log.take(), "/tmp/kelbus cannot be used"));
-    EXPECT_TRUE(fs::is_empty("/tmp/elsewhere"));
-    EXPECT_FALSE(exists(kLive)) << "nothing is done on wrong ground";
-    fs::remove("/tmp/kelbus");
+    const std::function<void()> wrong[] = {
+        [] { fs::create_directory_symlink("/tmp/elsewhere", "/tmp/kelbus"); },
+        [] { writeFile("/tmp/kelbus", "file"); }};
+    for (const auto& make : wrong) {
+        make();
+        DeviceLog log;
+        Daemon daemon;
+        EXPECT_FALSE(daemon.awaitReady());
+        EXPECT_EQ(daemon.awaitEnd(), 1);
+        EXPECT_TRUE(logHas(log.take(), "/tmp/kelbus cannot be used"));
+        EXPECT_TRUE(fs::is_empty("/tmp/elsewhere"));
+        EXPECT_FALSE(exists(kLive)) << "nothing is done on wrong ground";
+        fs::remove("/tmp/kelbus");
+    }
 }
 
 TEST(Ground, NothingIsOpenToEverybody) {
@@ -232,6 +239,9 @@ void expectKept(const std::vector<int>& answered) {
     }
 }
 
+// Five seconds are promised; a machine with other work gets more.
+constexpr std::chrono::seconds kStopDeadline{20};
+
 class OrderlyStop : public testing::TestWithParam<std::pair<const char*, int>> {};
 
 TEST_P(OrderlyStop, StoresEveryAnsweredSet) {
@@ -243,8 +253,10 @@ TEST_P(OrderlyStop, StoresEveryAnsweredSet) {
         ASSERT_TRUE(daemon.awaitReady());
         Load load{root, kNames};
         load.awaitAnswers(60 + 17 * round);
+        const auto begin = std::chrono::steady_clock::now();
         daemon.signal(signal_number);
         EXPECT_EQ(daemon.awaitEnd(), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, kStopDeadline);
         expectKept(load.end());
         EXPECT_EQ(contentOf(kLive), contentOf("/mnt/backup/conf/conf_backup.db"));
         EXPECT_FALSE(exists(std::string{kLive} + "-journal"));
@@ -268,7 +280,9 @@ class Moments {
 // Kills the service under load; what it had answered.
 std::vector<int> killUnderLoad(Moments& moments, int names) {
     Daemon daemon;
-    EXPECT_TRUE(daemon.awaitReady());
+    if (!daemon.awaitReady()) {
+        throw std::runtime_error("kelconfd has ended"); // its load would wait for ever
+    }
     Load load{"SET_ACTION_DIRECT", names};
     load.awaitAnswers(1 + static_cast<int>(moments.next(8)));
     moments.wait(20000);
@@ -298,31 +312,6 @@ TEST(Kill, AtAnyMomentKeepsEveryAnsweredDirectSet) {
         expectBelievedAtTheNextStart(log);
         expectKept(answered);
     }
-}
-
-TEST(Kill, DuringTheStartLosesNothing) {
-    constexpr int kNames = 200;
-    resetDevice(treeOf(counters(kNames)));
-    {
-        Daemon daemon;
-        ASSERT_TRUE(daemon.awaitReady());
-        ASSERT_TRUE(set("SET_ACTION_DIRECT", {{counterName(7), "4711"}}));
-        ASSERT_EQ(daemon.stop(), 0);
-    }
-    Moments moments;
-    DeviceLog log;
-    for (int round = 0; round < 25; ++round) {
-        // A tree that grows gives every start something to write.
-        writeFile("/etc/neutral_tree.xml", treeOf(counters(kNames + round)));
-        Daemon daemon;
-        moments.wait(30000);
-        daemon.killNow();
-    }
-    Daemon daemon;
-    ASSERT_TRUE(daemon.awaitReady());
-    EXPECT_FALSE(logHas(log.take(), "live database damaged"));
-    EXPECT_EQ(valueOf(counterName(7)), "4711");
-    EXPECT_EQ(valueOf(counterName(kNames + 23)), "0");
 }
 
 // ---- Crowds -------------------------------------------------------------------------------------
