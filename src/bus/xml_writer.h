@@ -31,6 +31,9 @@ class XmlWriter {
     // False when the element cannot be written here; the writer is then of no further use.
     bool add(const BusParameter& parameter);
 
+    [[nodiscard]] bool outOfMemory() const { return failed_; }
+    [[nodiscard]] std::size_t size() const { return size_; } // bytes so far
+
     // The document with its length in bytes, without a terminator. Null when memory was short.
     OwnedText finish(std::int32_t* length);
 

@@ -31,10 +31,6 @@ int sendDocument(void* socket, OwnedText document, std::int32_t length, int flag
     return sent;
 }
 
-void setSocketOption(void* socket, int option, int value) {
-    zmq_setsockopt(socket, option, &value, sizeof value);
-}
-
 int bindEndpoint(void* socket, const char* address) {
     const int bound = zmq_bind(socket, address);
     if (bound == 0 && std::string_view{address}.starts_with(kIpc)) {

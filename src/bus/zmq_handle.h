@@ -45,7 +45,9 @@ class Message {
 // here, when the send fails). The number of bytes, or -1.
 int sendDocument(void* socket, OwnedText document, std::int32_t length, int flags);
 
-void setSocketOption(void* socket, int option, int value);
+inline void setSocketOption(void* socket, int option, int value) {
+    zmq_setsockopt(socket, option, &value, sizeof value);
+}
 
 // Binds the socket and opens its file to the bus's group (files/bus_group.h). 0, or -1.
 int bindEndpoint(void* socket, const char* address);

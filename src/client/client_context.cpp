@@ -1,0 +1,47 @@
+#include "client/client_context.h"
+
+#include <zmq.h>
+
+#include <mutex>
+
+namespace kelconf {
+
+namespace {
+
+constexpr int kMostSockets = 16384; // a client has up to eight, a watch one
+
+struct SharedContext {
+    std::mutex mutex;
+    void* context = nullptr; // guarded by mutex
+    unsigned users = 0;      // guarded by mutex
+};
+
+// Never destroyed: a client that a program's own static object holds may end after ours.
+SharedContext& shared() {
+    static auto* instance = new SharedContext;
+    return *instance;
+}
+
+} // namespace
+
+ContextUse::ContextUse() {
+    SharedContext& all = shared();
+    const std::lock_guard lock{all.mutex};
+    if (all.context == nullptr) {
+        all.context = zmq_ctx_new();
+        zmq_ctx_set(all.context, ZMQ_MAX_SOCKETS, kMostSockets);
+    }
+    context_ = all.context;
+    ++all.users;
+}
+
+ContextUse::~ContextUse() {
+    SharedContext& all = shared();
+    const std::lock_guard lock{all.mutex};
+    if (--all.users == 0 && all.context != nullptr) {
+        zmq_ctx_term(all.context);
+        all.context = nullptr;
+    }
+}
+
+} // namespace kelconf

@@ -1,0 +1,40 @@
+// Connections of a client to the service's endpoints.
+#pragma once
+
+#include "bus/zmq_handle.h"
+#include "client/deadline.h"
+#include "kelbus.h"
+
+#include <string>
+#include <string_view>
+
+namespace kelconf {
+
+// Whether somebody listens at an endpoint of ours. A connection is tried and closed at once.
+enum class Listener { kThere, kAbsent, kForbidden };
+Listener probeEndpoint(const char* address);
+
+// A socket and the pair that hears of its connection's life. Both empty: not connected.
+struct Connection {
+    Socket requests;
+    Socket events;
+};
+
+// What the library heard of a connection since it asked last.
+struct ConnectionNews {
+    bool ready = false;   // the handshake is through
+    bool lost = false;    // the connection ended
+    bool refused = false; // an attempt to connect failed
+};
+ConnectionNews readNews(void* events);
+
+// A pair that hears of `socket`; to be opened before the socket connects. Empty on failure.
+Socket openEvents(void* context, void* socket);
+
+// Sends a request and waits for its reply. Opens the connection where needed and closes it on any
+// failure, so that a late reply is never read. On failure `message` says what happened.
+kelbus_error exchange(void* context, Connection& connection, const char* address,
+                      std::string_view request, Message& reply, const Deadline& deadline,
+                      std::string& message);
+
+} // namespace kelconf

@@ -1,0 +1,28 @@
+#include "client/values.h"
+
+#include "text/text.h"
+
+namespace kelconf {
+
+std::unique_ptr<ValueList> makeValueList(ReplyDocument&& document) {
+    auto list = std::make_unique<ValueList>();
+    list->texts = std::move(document.texts);
+    list->parameters.reserve(document.parameters.size());
+    const char* texts = list->texts.data();
+    for (const ReplyParameter& parameter : document.parameters) {
+        list->parameters.push_back({texts + parameter.name, texts + parameter.value});
+    }
+    list->count = list->parameters.size();
+    list->items = list->parameters.data();
+    return list;
+}
+
+} // namespace kelconf
+
+void kelbus_values_free(kelbus_values* values) {
+    delete static_cast<kelconf::ValueList*>(values);
+}
+
+void kelbus_free(void* value) {
+    kelconf::freeText(static_cast<char*>(value));
+}
