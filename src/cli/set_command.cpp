@@ -3,6 +3,10 @@
 #include "cli/commands.h"
 #include "cli/input.h"
 #include "cli/output.h"
+#include "cli/secrets.h"
+#include "cli/typed_value.h"
+
+#include <unistd.h>
 
 #include <utility>
 
@@ -13,6 +17,12 @@ namespace {
 // One line feed at the end is the writer's, not the value's: as echo and `kelctl get -n` add it.
 bool readValue(Change& change) {
     change.value.clear();
+    if (onTerminal(STDIN_FILENO)) {
+        if (secretByName(change.name)) {
+            return readHiddenLine(change.name, change.value);
+        }
+        complain("type the value of " + change.name + ", then Ctrl-D");
+    }
     if (!readInput("-", change.value)) {
         return false;
     }

@@ -58,6 +58,20 @@ TEST(KelctlTerminal, ResetAsksAndTakesOnlyAYes) {
     EXPECT_EQ(shell("kelctl get -n cam.port cam.name").out, "80\nn\n");
 }
 
+TEST(KelctlTerminal, ATypedPasswordIsNotShown) {
+    const Device device{smallTree()};
+    for (const bool sent : {false, true}) {
+        Terminal terminal{
+            {"sh", "-c", "trap : INT; kelctl set cam.passwd=-; echo =$?; stty -a | grep -ow echo"}};
+        terminal.await("cam.passwd (not shown): ");
+        terminal.type(sent ? "hidden\n" : "hidden\x03");
+        terminal.await(sent ? "\n=0\necho\n" : "\n=130\necho\n"); // typing shows again
+        EXPECT_EQ(terminal.shown().find("hidden"), std::string::npos);
+        EXPECT_EQ(shell("kelctl get -n --show-secrets cam.passwd").out,
+                  sent ? "hidden\n" : "first\n");
+    }
+}
+
 TEST(KelctlTerminal, WatchEndsCleanlyOnCtrlC) {
     const Device device{smallTree()};
     Terminal terminal{{"kelctl", "watch", "--no-color", "cam.passwd", "cam.port"}};
