@@ -3,10 +3,11 @@
 #include "cli/output.h"
 #include "cli/shown_text.h"
 
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <array>
 #include <csignal>
 
 namespace kelconf::cli {
@@ -19,14 +20,43 @@ void noteSignal(int number) {
     ending_signal = number;
 }
 
-// Without SA_RESTART: reading ends, and the terminal is set right before the process goes.
-void handleSignals(void (*handler)(int)) {
-    struct sigaction action {};
-    action.sa_handler = handler;
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(number, &action, nullptr);
+constexpr std::array kEndingSignals{SIGINT, SIGTERM, SIGHUP};
+
+// Holds the signals that end the process back but while waiting for a key, so that none slips in
+// before the wait, and the terminal is set right before they have their way.
+class HeldSignals {
+  public:
+    HeldSignals() {
+        sigset_t held;
+        sigemptyset(&held);
+        struct sigaction action {};
+        action.sa_handler = noteSignal;
+        for (const int number : kEndingSignals) {
+            sigaddset(&held, number);
+            sigaction(number, &action, nullptr);
+        }
+        sigprocmask(SIG_BLOCK, &held, &before_);
     }
-}
+    ~HeldSignals() {
+        for (const int number : kEndingSignals) {
+            std::signal(number, SIG_DFL);
+        }
+        sigprocmask(SIG_SETMASK, &before_, nullptr);
+    }
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+    HeldSignals(HeldSignals&&) = delete;
+    HeldSignals& operator=(HeldSignals&&) = delete;
+
+    // False when a signal came instead.
+    [[nodiscard]] bool awaitInput() const {
+        pollfd wanted{STDIN_FILENO, POLLIN, 0};
+        return ppoll(&wanted, 1, nullptr, &before_) == 1;
+    }
+
+  private:
+    sigset_t before_{};
+};
 
 class EchoOff {
   public:
@@ -46,27 +76,28 @@ class EchoOff {
     termios before_{};
 };
 
-bool readLine(std::string& line) {
+bool readLine(const HeldSignals& signals, std::string& line) {
     char c = 0;
-    ssize_t length = 0;
-    while ((length = read(STDIN_FILENO, &c, 1)) == 1 && c != '\n') {
+    while (signals.awaitInput() && read(STDIN_FILENO, &c, 1) == 1) {
+        if (c == '\n') {
+            return true;
+        }
         line += c;
     }
-    return length == 1;
+    return false;
 }
 
 } // namespace
 
 bool readHiddenLine(const std::string& name, std::string& value) {
     bool complete = false;
-    handleSignals(noteSignal);
     {
+        const HeldSignals signals;
         const EchoOff hidden;
         toStandardError(shownText(name) + " (not shown): ");
-        complete = readLine(value);
+        complete = readLine(signals, value);
         toStandardError("\n");
     }
-    handleSignals(SIG_DFL);
     if (ending_signal != 0) {
         std::raise(ending_signal);
     }

@@ -118,7 +118,7 @@ TEST(KelctlCommands, ReadAndSet) {
         {"kelctl get cam.port cam.name", 0, "cam.port=81\ncam.name=a=b c\n"},
         {"kelctl set cam.name=x cam.no=1 cam.non=2", 1, "", "unknown name cam.non"},
         {"kelctl set cam.name=x cam.port=0", 2, "", "must be 1 to 65535; --force"},
-        {"kelctl set cam.name=x cam.mode=off", 2, "", "options auto,manual; --force"},
+        {"kelctl set cam.name=x cam.mode=off", 2, "", "one of auto, manual; --force"},
         {"kelctl set cam.name=x cam.passwd=a=b", 2, "", "cut there after a restart; --force"},
         {"kelctl set cam.name=x \"cam.text=$(printf 'a\\001')\"", 2, "", "U+0001"},
         {"kelctl set cam.name=x \"cam.text=$(printf 'a\\377')\"", 2, "", "not valid UTF-8"},
