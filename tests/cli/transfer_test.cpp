@@ -166,12 +166,12 @@ TEST(KelctlWatch, PrintsOneLineAChangeAndOutlivesARestart) {
                   .out,
               "0\nT cam.state=a\\nb\n");
     const ProgramResult many =
-        shell("for i in $(seq 30); do kelctl watch --json --count 1 --timeout 60 cam.state "
-              ">/tmp/j$i & done\n"
-              "until [ -s /tmp/j1 ] && ! jobs | grep -q Running; do kelctl set cam.state=x; jobs "
-              ">/dev/null; done\n"
-              "cat /tmp/j* | grep -c '\"name\":\"cam.state\",\"value\":\"x\",\"prev_value\":'");
-    EXPECT_EQ(many.out, "30\n") << many.err;
+        shell(">/tmp/ends; for i in $(seq 30); do (kelctl watch --json --count 1 --timeout 60 "
+              "cam.state >/tmp/j$i; echo $? >>/tmp/ends) & done\n"
+              "until [ \"$(wc -l </tmp/ends)\" = 30 ]; do kelctl set cam.state=x; done\n"
+              "cat /tmp/j* | grep -c '\"name\":\"cam.state\",\"value\":\"x\",\"prev_value\":'; "
+              "sort -u /tmp/ends");
+    EXPECT_EQ(many.out, "30\n0\n") << many.err;
     EXPECT_EQ(shell("kelctl watch --count 1 --timeout 0.1").status, 3);
     EXPECT_EQ(shell("kelctl watch --timeout 0.1").status, 0);
 }
