@@ -134,10 +134,11 @@ void runToEnd(const std::vector<std::string>& command) {
 std::vector<std::string> parameterNames(long count) {
     std::vector<std::string> names;
     names.reserve(static_cast<std::size_t>(count));
-    for (long i = 0; i < count; ++i) {
+    for (long i = 0; i + 1 < count; ++i) {
         names.push_back("camera.node_" + std::to_string(i / 20) + ".stream.parameter_" +
                         std::to_string(i % 20));
     }
+    names.emplace_back(kUnloggedName);
     return names;
 }
 

@@ -37,6 +37,9 @@ class Server {
 // Runs a command to its end; anything but status 0 ends the program.
 void runToEnd(const std::vector<std::string>& command);
 
+// The last of the names: its changes are not logged.
+inline constexpr const char* kUnloggedName = "camera.stream.passwd";
+
 // Names as a camera's tree gives them, about 35 bytes each. The values have about ten.
 std::vector<std::string> parameterNames(long count);
 

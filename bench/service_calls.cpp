@@ -60,7 +60,7 @@ Calls callsOfService(const std::string& name, long storings) {
 void printCalls() {
     constexpr long kStorings = 20;
     installDatabase(kSizes[0]);
-    const std::string name = parameterNames(1)[0];
+    const std::string name = parameterNames(2)[0];
     const Calls own = callsOfService(name, kStorings);
     runToEnd(traced(floorCommand({"store-alone", name, std::to_string(kStorings)})));
     const Calls bare = callsIn(kTrace, 0, kStorings);

@@ -50,7 +50,7 @@ void printSeveralClients(int rounds) {
     constexpr std::size_t kMany = 8;
     installDatabase(kSizes[0]);
     const Server daemon{daemonCommand()};
-    const std::string request = getRequest({parameterNames(1)[0]});
+    const std::string request = getRequest({parameterNames(2)[0]});
     std::ofstream(kReply) << BusClient{kGet}.replyTo(request);
     const Server xml{floorCommand({"xml", kXml})};
     const Server raw{floorCommand({"raw", kRaw, kReply})};

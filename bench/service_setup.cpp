@@ -25,7 +25,7 @@ std::vector<std::string> floorCommand(const std::vector<std::string>& arguments)
 }
 
 void awaitDaemon() {
-    BusClient{kGet}.ask(getRequest({parameterNames(1)[0]}));
+    BusClient{kGet}.ask(getRequest({parameterNames(2)[0]}));
 }
 
 std::vector<std::string> spread(const std::vector<std::string>& names, std::size_t count) {
