@@ -11,6 +11,7 @@
 #include "daemon/stop_signal.h"
 #include "log/keldebug.h"
 
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,6 +48,12 @@ void serveUntilSignal() {
     keldebug(kLogInfo, kToBoth, "kelconfd stops on signal %d\n", awaitStopSignal());
 }
 
+// Each connection stays in the thread that opens it, and nobody asks how much memory SQLite has.
+void prepareSqlite() {
+    sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 // False, with a log line, when this process must not run.
 bool takeGround(Fd& lock) {
     restrictFileModes();
@@ -62,6 +69,7 @@ bool takeGround(Fd& lock) {
 int run() {
     std::signal(SIGPIPE, SIG_IGN);
     holdStopSignals();
+    prepareSqlite();
     Fd lock;
     if (!takeGround(lock)) {
         return EXIT_FAILURE;
