@@ -65,9 +65,14 @@ void takeMissingDefaults() {
 }
 
 void loadFrom(LiveSource& source) {
-    loadDatabaseFile(source.path);
-    const StoredPasswords stored = readStoredPasswords(source.path);
-    source.hold.reset();
+    StoredPasswords stored;
+    {
+        const BackupSection lock;
+        loadDatabaseFile(source.path);
+        stored = readStoredPasswords(source.path);
+        source.hold.reset();
+    }
+    // Outside of backup_mutex: the conversion takes the parameter lock, which comes before it.
     if (source.origin == LiveOrigin::kLiveFile && !storageFaultNoted()) {
         settlePasswords(stored);
     } else {
@@ -81,7 +86,6 @@ void loadFrom(LiveSource& source) {
 } // namespace
 
 void loadLiveValues(LiveSource source) {
-    const BackupSection lock;
     initParamList();
     if (source.origin != LiveOrigin::kTrees) {
         loadFrom(source);

@@ -10,7 +10,8 @@
 // The switch private.encrypt_campass is a parameter that clients can set and that trees give a
 // default to; it alone decides only for a file without a mark.
 //
-// All but resettlePasswords runs at start, before the threads, with backup_mutex held.
+// All but resettlePasswords runs at start, before the threads; markPasswordState with backup_mutex
+// held, the others without: the conversion takes the parameter lock.
 #pragma once
 
 #include <cstdint>
@@ -38,7 +39,7 @@ void markPasswordState(bool fresh);
 // What a file says of its passwords, to be read while its values cannot change (holdForReading of
 // db/live_rows.h).
 struct StoredPasswords {
-    PasswordMark mark;
+    PasswordMark mark{};
     std::vector<std::string> added; // the names of the rows beyond the mark's number
 };
 StoredPasswords readStoredPasswords(const char* path);

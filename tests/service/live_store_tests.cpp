@@ -11,6 +11,8 @@
 #include "service/passwords.h"
 #include "support/files.h"
 #include "support/records.h"
+#include "tree/conf_builders.h"
+#include "tree/xitem.h"
 
 #include <gtest/gtest.h>
 
@@ -134,6 +136,94 @@ TEST_F(LiveStore, AFailedCommitIsAFailedAttempt) {
     EXPECT_EQ(stored("a"), "1");
 }
 
+// ---- Statements that SQLite refuses ----
+
+std::string refused; // what an authorizer on every connection refuses
+
+int refuse(void* /*unused*/, int action, const char* first, const char* /*second*/,
+           const char* /*database*/, const char* /*trigger*/) {
+    const bool pragma = action == SQLITE_PRAGMA && refused == "PRAGMA";
+    return pragma || (action == SQLITE_TRANSACTION && refused == first) ? SQLITE_DENY : SQLITE_OK;
+}
+
+int watchConnection(sqlite3* database, char** /*message*/, const void* /*routines*/) {
+    return sqlite3_set_authorizer(database, refuse, nullptr);
+}
+
+int insertNew() {
+    return insertSQLEntry("new", "stored", "");
+}
+int updateOld() {
+    return updateSQLEntry("old", "stored");
+}
+int buildNew() {
+    initXitemList();
+    const xitem item{newText("new"), newText("stored"), newText(""),
+                     newText(""),    newText(""),       newText(""),
+                     newText(""),    newText(""),       0};
+    addXitemElement(&item);
+    addXItemInDatabase();
+    delXitemList();
+    return 1;
+}
+
+TEST_F(LiveStore, RefusedStatementsAreToldInTheWordsOfEachOperation) {
+    using Lines = std::vector<std::string>;
+    struct {
+        const char* refused;
+        int (*run)();
+        int result;
+        bool stored;
+        Lines lines;
+    } const cases[] = {
+        {"PRAGMA", insertNew, 1, true, {"0 PRAGMA NORMAL error:not authorized\n"}},
+        {"PRAGMA", updateOld, 1, true, {"2 PRAGMA sync full error:not authorized\n"}},
+        {"PRAGMA", syncSQLDB, 1, false, {"2 PRAGMA sync full error:not authorized\n"}},
+        {"PRAGMA", buildNew, 1, true, {"0 PRAGMA OFF error\n", "0 insert finishes\n"}},
+        {"BEGIN",
+         insertNew,
+         1,
+         true,
+         {"2 begin trans error:not authorized\n",
+          "2 end trans error:cannot commit - no transaction is active\n"}},
+        {"BEGIN", updateOld, 1, true, {}},
+        {"BEGIN",
+         buildNew,
+         1,
+         true,
+         {"0 begin trans error\n", "0 end trans error\n", "0 insert finishes\n"}},
+        {"COMMIT", insertNew, 1, false, {"2 end trans error:not authorized\n"}},
+        {"COMMIT", updateOld, 0, false, {}},
+        {"COMMIT", buildNew, 1, false, {"0 end trans error\n", "0 insert finishes\n"}},
+    };
+    for (const auto& c : cases) {
+        SetUp();
+        insertSQLEntry("old", "1", "");
+        refused = c.refused;
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(watchConnection));
+        EXPECT_EQ(c.run(), c.result) << c.refused;
+        sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(watchConnection));
+        EXPECT_EQ(logged(), c.lines) << c.refused;
+        EXPECT_EQ(sql(paths::kLiveDb, "SELECT count(*) FROM CONFIG WHERE VALUE='stored'")[0][0],
+                  c.stored ? "1" : "0")
+            << c.refused;
+    }
+}
+
+TEST_F(LiveStore, AFileThatCannotBeOpenedIsToldByEach) {
+    std::filesystem::remove(paths::kLiveDb);
+    std::filesystem::create_directory(paths::kLiveDb);
+    createSQLTable(); // in silence
+    EXPECT_EQ(insertNew() + updateOld() + syncSQLDB() + querySQLTable("a"), 0);
+    loadSQLDB();
+    buildNew();
+    EXPECT_EQ(checkDataBaseIntegrity(paths::kLiveDb), 0);
+    const std::string line = "0 Can't open database: unable to open database file\n";
+    EXPECT_EQ(logged(),
+              (std::vector<std::string>{line, line, line, line, line, line,
+                                        "0 checking /mnt/nand/conf/conf.db integrity\n", line}));
+}
+
 // ---- Seals ----
 
 TEST_F(LiveStore, ASealTellsAnInterruptedWriteFromDamage) {
@@ -244,21 +334,6 @@ TEST_F(LiveStore, TheConversionRunsOnce) {
         replaceText(seekParamElement(kPasswordSwitch)->value, value);
         EXPECT_EQ(checkPasswordEncryption(), scrambled) << value;
     }
-}
-
-TEST_F(LiveStore, AConversionIsWholeOrNotAtAll) {
-    insertSQLEntry("u.password", "p", "");
-    insertSQLEntry("private.encrypt_campass", "0", "");
-    load();
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(paths::kLiveDb, &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    endUpdateRetries();
-    EXPECT_EQ(encryptAllPasswordInDB(), 0);
-    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
-    sqlite3_close(other);
-    EXPECT_EQ(stored("u.password"), "p");
-    EXPECT_EQ(stored("private.encrypt_campass"), "0") << "as plain as the passwords";
 }
 
 TEST_F(LiveStore, PrivateSettingsAreOptional) {

@@ -1,0 +1,143 @@
+// Every storage call of a start of kelconfd that changes something, killed and failed one by one.
+#include "daemon/bus_client.h"
+#include "daemon/daemon_process.h"
+#include "paths.h"
+#include "support/device_log.h"
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+namespace kelconf::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kWord = leaf("word", "string", "default");
+const std::string kPassword = leaf("admin_passwd", "text", "factory");
+const std::string kSwitch = leaf("encrypt_campass", "int", "0");
+
+constexpr const char* kTrace = "/tmp/trace";
+
+std::vector<std::string> shim(const std::string& setting) {
+    const char* build = std::getenv("KELCONF_BUILD");
+    return {std::string("LD_PRELOAD=") + (build == nullptr ? "." : build) + "/tests/fault_shim.so",
+            "ASAN_OPTIONS=verify_asan_link_order=0", setting};
+}
+
+// A start with everything to do: a torn pass, names to add, passwords to scramble.
+class Start : public testing::Test {
+  protected:
+    void SetUp() override {
+        resetDevice(treeOf(kWord + kPassword));
+        {
+            Daemon daemon;
+            ASSERT_TRUE(daemon.awaitReady());
+            ASSERT_TRUE(set("SET_ACTION_DIRECT", {{"private.admin_passwd", "secret"}}));
+            ASSERT_EQ(daemon.stop(), 0);
+        }
+        sql(paths::kLiveDb, "UPDATE CONFIG SET VALUE='kept too' WHERE NAME='private.word'");
+        writeFile(paths::kNeutralTree,
+                  treeOf(kWord + kPassword + kSwitch + leaf("user_password", "text", "later")));
+        for (const auto& entry : fs::recursive_directory_iterator("/mnt")) {
+            if (entry.is_regular_file()) {
+                files_.emplace_back(entry.path(), contentOf(entry.path()));
+            }
+        }
+    }
+    void restore() const {
+        for (const char* directory : {"/mnt/nand/conf", "/mnt/backup/conf"}) {
+            fs::remove_all(directory);
+            fs::create_directories(directory);
+        }
+        for (const auto& [path, content] : files_) {
+            writeFile(path, content);
+        }
+    }
+    // The numbers of the calls that change something, up to the moment when the daemon is ready.
+    std::vector<long> modifyingCalls() const {
+        restore();
+        Daemon daemon{shim(std::string("KELCONF_FAULT_TRACE=") + kTrace)};
+        EXPECT_TRUE(daemon.awaitReady());
+        std::istringstream lines(contentOf(kTrace));
+        std::vector<long> numbers;
+        long number = 0;
+        for (std::string kind, rest; lines >> number >> kind && std::getline(lines, rest);) {
+            if (kind == "create" || kind == "write" || kind == "truncate" || kind == "remove" ||
+                kind == "sync") {
+                numbers.push_back(number);
+            }
+        }
+        EXPECT_GT(numbers.size(), 30U);
+        return numbers;
+    }
+    static void expectValues() {
+        EXPECT_EQ(valueOf("private.word"), "kept too");
+        EXPECT_EQ(valueOf("private.admin_passwd"), "secret");
+        EXPECT_EQ(valueOf("private.user_password"), "later");
+    }
+    static void expectSoundStart() {
+        DeviceLog log;
+        Daemon daemon;
+        ASSERT_TRUE(daemon.awaitReady());
+        expectValues();
+        EXPECT_EQ(daemon.stop(), 0);
+        EXPECT_EQ(log.take().console.find("damaged"), std::string::npos);
+        const SqlRows passwords =
+            sql(paths::kLiveDb, "SELECT VALUE FROM CONFIG WHERE NAME IN "
+                                "('private.admin_passwd','private.encrypt_campass') ORDER BY NAME");
+        EXPECT_EQ(passwords, (SqlRows{{"NigmNSg3"}, {"1"}}));
+    }
+
+  private:
+    std::vector<std::pair<std::string, std::string>> files_;
+};
+
+TEST_F(Start, KilledAfterAnyCallLosesNothing) {
+    for (const long number : modifyingCalls()) {
+        SCOPED_TRACE(number);
+        restore();
+        {
+            Daemon daemon{shim("KELCONF_FAULT=kill-after " + std::to_string(number))};
+            daemon.awaitReady(); // killed before, or by a call of its threads
+            daemon.killNow();
+        }
+        expectSoundStart();
+    }
+}
+
+TEST_F(Start, ServesWhateverCallFails) {
+    for (const long number : modifyingCalls()) {
+        SCOPED_TRACE(number);
+        restore();
+        {
+            Daemon daemon{shim("KELCONF_FAULT=fail " + std::to_string(number) + " " +
+                               std::to_string(number % 2 == 0 ? ENOSPC : EIO))};
+            ASSERT_TRUE(daemon.awaitReady());
+            expectValues();
+            EXPECT_EQ(daemon.stop(), 0);
+        }
+        expectSoundStart();
+    }
+}
+
+TEST_F(Start, OnAFlashThatTakesNothingServesFromMemory) {
+    for (const int error : {ENOSPC, EROFS, EIO}) {
+        SCOPED_TRACE(error);
+        restore();
+        {
+            Daemon daemon{shim("KELCONF_FAULT=fail-on 1 " + std::to_string(error) + " modify")};
+            ASSERT_TRUE(daemon.awaitReady());
+            expectValues();
+            EXPECT_EQ(daemon.stop(), 0);
+        }
+        expectSoundStart();
+    }
+}
+
+} // namespace
+} // namespace kelconf::test
