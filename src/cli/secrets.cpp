@@ -7,6 +7,8 @@
 
 namespace kelconf::cli {
 
+constinit const std::string_view kStars = "********";
+
 namespace {
 
 constexpr const char* kType = "password";

@@ -13,7 +13,8 @@
 
 namespace kelconf::cli {
 
-inline constexpr std::string_view kStars = "********";
+// What is printed for a secret; listings know it by its address.
+extern const std::string_view kStars;
 
 bool secretByName(std::string_view name);
 
