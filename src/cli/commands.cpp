@@ -62,6 +62,13 @@ constexpr std::array kCommands = {
         "Works without the service, too. The exit status is 3 without it, and 5 when a database\n"
         "or a sidecar is not in order.",
         runStatus},
+    Command{
+        "tree check", "FILE", "a parameter tree; - is standard input", 1, 1, 0,
+        "tell the author of a parameter tree what is wrong with it",
+        "Prints FILE:LINE: error, warning or note: TEXT for each finding, and how many parameters\n"
+        "kelconf-init makes of the tree. Needs no service. The exit status is 0 without a finding\n"
+        "or with notes only, 1 with errors or warnings, and 5 when FILE cannot be read.",
+        runTreeCheck},
 };
 
 } // namespace

@@ -50,5 +50,6 @@ int runExport(const Options& options);
 int runImport(const Options& options);
 int runInfo(const Options& options);
 int runStatus(const Options& options);
+int runTreeCheck(const Options& options);
 
 } // namespace kelconf::cli

@@ -44,11 +44,12 @@ std::optional<Scaled> takeNumber(std::string_view& text) {
     if (whole.size() > kDigits || part.size() > kDigits) {
         return {};
     }
-    std::string digits{whole};
-    digits.append(part).append(kDigits - part.size(), '0');
     Scaled number = 0;
-    for (const char digit : digits) {
-        number = number * 10 + (digit - '0');
+    const auto append = [&number](char digit) { number = number * 10 + (digit - '0'); };
+    std::for_each(whole.begin(), whole.end(), append);
+    std::for_each(part.begin(), part.end(), append);
+    for (std::size_t i = part.size(); i < kDigits; ++i) {
+        append('0');
     }
     text = rest;
     return negative ? -number : number;

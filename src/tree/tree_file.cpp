@@ -73,7 +73,7 @@ bool isStorageFault(int error) {
 XmlDoc readTreeFile(const char* path) {
     takeOverInput();
     reading = Reading{path, Fd{}, 0};
-    XmlDoc document{xmlReadFile(path, nullptr, 0)};
+    XmlDoc document{xmlReadFile(path, nullptr, XML_PARSE_BIG_LINES)};
     const int error = reading.error;
     reading = Reading{};
     if (isStorageFault(error)) {

@@ -12,10 +12,10 @@ struct FreeXmlDoc {
 };
 using XmlDoc = std::unique_ptr<xmlDoc, FreeXmlDoc>;
 
-// Parses the file with libxml2's defaults; libxml2 reports what is wrong with it on standard
-// error. Null when there is no file, when it cannot be read to its end, or when it is not
-// well-formed. Only the file itself is ever opened: entities that refer to other files stay
-// empty, and a compressed file is not a tree. A failure of the storage is noted
+// Parses the file with libxml2's defaults, but with line numbers beyond 65,535; libxml2 reports
+// what is wrong with it on standard error. Null when there is no file, when it cannot be read to
+// its end, or when it is not well-formed. Only the file itself is ever opened: entities that refer
+// to other files stay empty, and a compressed file is not a tree. A failure of the storage is noted
 // (files/storage_fault.h); an absent file, a directory or bad XML is none.
 XmlDoc readTreeFile(const char* path);
 

@@ -83,6 +83,7 @@ bool TreeReader::readLeaf(const xmlNode* node, std::string_view type, std::strin
                           TreeElement& leaf) {
     leaf.kind = TreeElement::Kind::kLeaf;
     leaf.segment = segmentOf(node);
+    leaf.node = node;
     leaf.line = xmlGetLineNo(node);
     leaf.texts[kType] = type;
     bool complete = type == "realtime" || appendElementText(node, allowance_, leaf.texts[kValue]);
@@ -101,6 +102,7 @@ bool TreeReader::readLeaf(const xmlNode* node, std::string_view type, std::strin
 void TreeReader::readInstances(const xmlNode* node, std::string& path, TreeElement& group) {
     group.kind = TreeElement::Kind::kInstances;
     group.segment = segmentOf(node);
+    group.node = node;
     group.line = xmlGetLineNo(node);
     if (!appendAttributeText(node, "number", allowance_, group.texts[kValue])) {
         refuse(group.line, path);

@@ -16,6 +16,8 @@
 namespace kelconf {
 
 inline constexpr std::string_view kAutoToken = "%auto";
+// The counter item's name is cut to this many bytes; other names have no limit.
+inline constexpr std::size_t kMaxCounterName = 1023;
 
 // The texts of a leaf, in the order of the item's fields after the name.
 enum LeafText : std::size_t { kValue, kType, kRange, kStep, kOptions, kMode, kHttpAccess };
@@ -24,7 +26,8 @@ inline constexpr std::size_t kLeafTexts = 7;
 // A run of siblings that stands alone is the children of a branch without a name.
 struct TreeElement {
     enum class Kind { kBranch, kInstances, kLeaf } kind = Kind::kBranch;
-    std::string_view segment; // libxml2's, lives as long as the document
+    std::string_view segment;      // libxml2's, lives as long as the document
+    const xmlNode* node = nullptr; // null: a branch
     long line = 0;
     std::array<std::string, kLeafTexts> texts; // a leaf's; texts[kValue] is the "number" of
                                                // a multiple-instance element

@@ -12,11 +12,32 @@ namespace kelconf {
 
 namespace {
 
-// The counter item's name is cut to this many bytes; other names have no limit.
-constexpr std::size_t kMaxCounterName = 1023;
+bool appendCopies(xitem item) {
+    const bool whole = item.name != nullptr && item.value != nullptr && item.type != nullptr &&
+                       item.range != nullptr && item.step != nullptr && item.options != nullptr &&
+                       item.mode != nullptr && item.http_access != nullptr;
+    if (!whole || addXitemElement(&item) != 1) {
+        freeXitemTexts(item);
+        return false;
+    }
+    return true;
+}
+
+bool appendItem(std::string_view name, const TreeElement& element, std::string_view value) {
+    if (element.kind == TreeElement::Kind::kInstances) {
+        return appendCopies({newText(name), newText(value), newText({}), newText({}), newText({}),
+                             newText({}), newText("r"), newText("r"), 0});
+    }
+    return appendCopies({newText(name), newText(value), newText(element.texts[kType]),
+                         newText(element.texts[kRange]), newText(element.texts[kStep]),
+                         newText(element.texts[kOptions]), newText(element.texts[kMode]),
+                         newText(element.texts[kHttpAccess]), 0});
+}
 
 class Walk {
   public:
+    explicit Walk(const ItemVisitor& visit) : visit_(visit) {}
+
     [[nodiscard]] const TreeWalkResult& result() const { return reader_.result; }
 
     void walkTrunks(const xmlNode* root) {
@@ -124,38 +145,29 @@ class Walk {
         addItem(name, leaf, value.get());
     }
 
-    void addItem(std::string_view name, const TreeElement& leaf, std::string_view value) {
-        append({newText(name), newText(value), newText(leaf.texts[kType]),
-                newText(leaf.texts[kRange]), newText(leaf.texts[kStep]),
-                newText(leaf.texts[kOptions]), newText(leaf.texts[kMode]),
-                newText(leaf.texts[kHttpAccess]), 0});
-    }
-
-    void addCounter(std::string_view group_name, const TreeElement& group) {
-        const std::string name = std::string(group_name).append(".number");
-        append({newText(std::string_view(name).substr(0, kMaxCounterName)),
-                newText(group.texts[kValue]), newText({}), newText({}), newText({}), newText({}),
-                newText("r"), newText("r"), 0});
-    }
-
-    void append(xitem item) {
-        const bool whole = item.name != nullptr && item.value != nullptr && item.type != nullptr &&
-                           item.range != nullptr && item.step != nullptr &&
-                           item.options != nullptr && item.mode != nullptr &&
-                           item.http_access != nullptr;
-        if (!whole || addXitemElement(&item) != 1) {
-            freeXitemTexts(item);
+    void addItem(std::string_view name, const TreeElement& element, std::string_view value) {
+        if (!visit_(name, element, value)) {
             reader_.result.out_of_memory = true;
         }
     }
 
+    void addCounter(std::string_view group_name, const TreeElement& group) {
+        const std::string name = std::string(group_name).append(".number");
+        addItem(std::string_view(name).substr(0, kMaxCounterName), group, group.texts[kValue]);
+    }
+
+    const ItemVisitor& visit_;
     TreeReader reader_;
 };
 
 } // namespace
 
 TreeWalkResult parseXmlTree(const xmlNode* root) {
-    Walk walk;
+    return visitXmlTree(root, appendItem);
+}
+
+TreeWalkResult visitXmlTree(const xmlNode* root, const ItemVisitor& visit) {
+    Walk walk{visit};
     if (root != nullptr) {
         walk.walkTrunks(root);
     }
@@ -163,7 +175,8 @@ TreeWalkResult parseXmlTree(const xmlNode* root) {
 }
 
 TreeWalkResult parseXmlNode(std::string_view parent, const xmlNode* first) {
-    Walk walk;
+    const ItemVisitor append = appendItem;
+    Walk walk{append};
     std::string path(parent);
     walk.walkRun(path, first);
     return walk.result();
@@ -171,14 +184,16 @@ TreeWalkResult parseXmlNode(std::string_view parent, const xmlNode* first) {
 
 TreeWalkResult parseXmlInstanceNode(std::string_view parent, const xmlNode* first,
                                     std::int32_t instance) {
-    Walk walk;
+    const ItemVisitor append = appendItem;
+    Walk walk{append};
     walk.emitRunAs(std::string(parent), first, instance);
     return walk.result();
 }
 
 TreeWalkResult expandMultipleInstance(std::string_view name, const xmlNode* first,
                                       std::int32_t count) {
-    Walk walk;
+    const ItemVisitor append = appendItem;
+    Walk walk{append};
     walk.expand(std::string(name), first, count);
     return walk.result();
 }

@@ -21,10 +21,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
 namespace kelconf {
+
+struct TreeElement; // tree/tree_template.h
 
 inline constexpr std::uint64_t kExpansionLimit = 160ULL << 20;
 
@@ -36,8 +39,15 @@ struct TreeWalkResult {
     bool out_of_memory = false; // items are missing because memory was short
 };
 
+// Told of each item in its order: full name; the leaf or, for a counter item, the
+// multiple-instance element; value. False: memory is short.
+using ItemVisitor =
+    std::function<bool(std::string_view name, const TreeElement& element, std::string_view value)>;
+
 // Walks every trunk below `root`; a null root yields nothing.
 TreeWalkResult parseXmlTree(const xmlNode* root);
+// The same walk, limit included, which appends nothing to xitem_list but tells `visit`.
+TreeWalkResult visitXmlTree(const xmlNode* root, const ItemVisitor& visit);
 // Walks a run of siblings outside any instance, from `first` on, below the name `parent`.
 TreeWalkResult parseXmlNode(std::string_view parent, const xmlNode* first);
 // The same inside an instance: "%auto" in values becomes `instance`.
