@@ -51,6 +51,9 @@ constexpr std::array kOptions = {
               "how long one request to the service may take (5)"},
 };
 
+constexpr OptionHelp kHelp{"-h,--help", nullptr, "show this text"};
+constexpr OptionHelp kVersion{"-V,--version", nullptr, "show the version"};
+
 constexpr const char* kStatuses =
     "Exit status: 0 done; 1 a name is unknown or a difference was found; 2 wrong usage or a value\n"
     "that is refused here; 3 no service, or no answer in time; 4 the service refused; 5 a broken\n"
@@ -92,7 +95,7 @@ std::string footerOf(const Command& command) {
 
 void setUp(CLI::App& app, const Command& command, Options& options) {
     app.footer(footerOf(command));
-    app.set_help_flag("-h,--help", "show this text")->group("Options of every command");
+    app.set_help_flag(kHelp.flags, kHelp.help)->group("Options of every command");
     addOptions(app, options, command.options);
     if (command.most == 0) {
         return;
@@ -174,11 +177,11 @@ Invocation readCommandLine(int argc, const char* const* argv) {
     CLI::App app{"Reads, sets and watches the parameters of the configuration service.", "kelctl"};
     app.require_subcommand(1);
     app.footer(kStatuses);
-    app.set_help_flag("-h,--help", "show this text")->group("Options of every command");
+    app.set_help_flag(kHelp.flags, kHelp.help)->group("Options of every command");
     addOptions(app, invocation.options, 0);
     app.add_flag_callback(
-        "-V,--version", [] { throw CLI::CallForVersion("kelctl " KELCONF_VERSION, 0); },
-        "show the version");
+        kVersion.flags, [] { throw CLI::CallForVersion("kelctl " KELCONF_VERSION, 0); },
+        kVersion.help);
     std::vector<std::pair<const CLI::App*, const Command*>> known;
     for (const Command& command : commands()) {
         CLI::App* added = addCommand(app, command);
@@ -207,6 +210,19 @@ Invocation readCommandLine(int argc, const char* const* argv) {
                                      [](const auto& entry) { return entry.first->parsed(); });
     invocation.command = parsed->second;
     return invocation;
+}
+
+std::vector<OptionHelp> optionsOf(const Command* command) {
+    std::vector<OptionHelp> options{kHelp};
+    if (command == nullptr) {
+        options.push_back(kVersion);
+    }
+    for (const OptionRow& row : kOptions) {
+        if (row.bit == 0 || (command != nullptr && (row.bit & command->options) != 0)) {
+            options.push_back({row.flags, row.argument, row.help});
+        }
+    }
+    return options;
 }
 
 } // namespace kelconf::cli

@@ -1,15 +1,20 @@
 // kelctl: the configuration bus at a shell (docs/kelctl.md).
 
 #include "cli/command_line.h"
+#include "cli/completion.h"
 #include "cli/output.h"
 
 #include <cstdlib>
 #include <exception>
+#include <string_view>
 
 int main(int argc, char** argv) {
     using namespace kelconf::cli;
     guardStandardDescriptors();
     try {
+        if (argc > 1 && std::string_view{argv[1]} == kCompleteWord) {
+            return finishOutput(complete({argv + 2, argv + argc}));
+        }
         const Invocation line = readCommandLine(argc, argv);
         return finishOutput(line.command == nullptr ? line.status
                                                     : line.command->run(line.options));
