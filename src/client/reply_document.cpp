@@ -1,5 +1,7 @@
 #include "client/reply_document.h"
 
+#include "client/reply_scan.h"
+
 #include <climits>
 #include <cstring>
 #include <new>
@@ -109,16 +111,22 @@ void setHandlers(xmlSAXHandler& handlers) {
 
 } // namespace
 
-ReplyReader::ReplyReader() : parser_(xmlNewParserCtxt()) {
-    if (!parser_) {
-        throw std::bad_alloc{};
-    }
-    setHandlers(*parser_->sax);
+bool ReplyReader::read(std::string_view bytes, ReplyDocument& document) {
+    document = {};
+    return scanReply(bytes, document) || parse(bytes, document);
 }
 
-bool ReplyReader::read(std::string_view bytes, ReplyDocument& document) {
+bool ReplyReader::parse(std::string_view bytes, ReplyDocument& document) {
+    document = {};
     if (bytes.empty() || bytes.size() > INT_MAX) {
         return false;
+    }
+    if (!parser_) {
+        parser_.reset(xmlNewParserCtxt());
+        if (!parser_) {
+            throw std::bad_alloc{};
+        }
+        setHandlers(*parser_->sax);
     }
     document.texts.reserve(bytes.size());
     Reading reading{parser_.get(), &document};

@@ -28,17 +28,18 @@ struct ReplyDocument {
 
 class ReplyReader {
   public:
-    ReplyReader();
-
-    // False when the bytes are no bus document: not well-formed, or with a document type.
-    // Throws std::bad_alloc.
+    // Replaces what `document` held. False when the bytes are no bus document: not well-formed, or
+    // with a document type. Throws std::bad_alloc.
     bool read(std::string_view bytes, ReplyDocument& document);
+
+    // The same by the XML parser alone, whatever form the bytes have.
+    bool parse(std::string_view bytes, ReplyDocument& document);
 
   private:
     struct FreeParser {
         void operator()(xmlParserCtxt* parser) const noexcept { xmlFreeParserCtxt(parser); }
     };
-    std::unique_ptr<xmlParserCtxt, FreeParser> parser_; // kept: making one costs more than a reply
+    std::unique_ptr<xmlParserCtxt, FreeParser> parser_; // made when it is needed, and kept
 };
 
 } // namespace kelconf

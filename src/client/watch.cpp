@@ -49,7 +49,6 @@ bool takeChange(kelbus_watch& watch, kelbus_change& change) {
 
 // False for something that is no event; it is gone then.
 bool readEvent(kelbus_watch& watch, Message& message) {
-    watch.document = {};
     watch.next = 0;
     const bool whole = !message.more();
     while (message.more() && message.receive(watch.events.get(), 0) >= 0) {
@@ -126,7 +125,7 @@ kelbus_error kelbus_watch_open(kelbus_watch** watch, const char* const* prefixes
     }
     try {
         auto opened = std::make_unique<kelbus_watch>();
-        opened->prefixes.assign(prefixes, prefixes + count);
+        opened->prefixes = std::vector<std::string>(prefixes, prefixes + count);
         if (opened->context.get() != nullptr && kelconf::connect(*opened)) {
             *watch = opened.release();
         }

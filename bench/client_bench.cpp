@@ -1,0 +1,138 @@
+// client_bench BIN [ROUNDS]: what libkelbus and kelctl add to the bus, in a device root. Prints a
+// table in Markdown. BIN: the directory of the programs.
+#include "bench_clients.h"
+#include "servers.h"
+#include "service_bench.h"
+#include "turns.h"
+
+#include <kelbus.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+namespace {
+
+using namespace bench; // NOLINT(google-build-using-namespace): the parts of one program
+
+namespace fs = std::filesystem;
+
+constexpr int kLimit = 60'000; // ms
+constexpr const char* kName = "cam.p.7.v.s3";
+
+struct CloseClient {
+    void operator()(kelbus* client) const noexcept { kelbus_close(client); }
+};
+using Client = std::unique_ptr<kelbus, CloseClient>;
+
+Client openClient() {
+    kelbus* opened = nullptr;
+    if (kelbus_open(&opened) != KELBUS_OK) {
+        giveUp("no client");
+    }
+    return Client{opened};
+}
+
+void check(const Client& client, kelbus_error error) {
+    if (error != KELBUS_OK) {
+        giveUp(kelbus_message(client.get()));
+    }
+}
+
+void clearFlash() {
+    for (const char* directory : {"/mnt/nand/conf", "/mnt/backup/conf"}) {
+        for (const auto& entry : fs::directory_iterator(directory)) {
+            fs::remove_all(entry.path());
+        }
+    }
+}
+
+// Ten leaves an instance.
+void installTree(long count) {
+    std::ofstream tree{"/etc/neutral_tree.xml"};
+    tree << "<tree><cam type=\"trunk\"><p type=\"multiple_instance\" number=\"" << count / 10
+         << "\"><v type=\"branch\">";
+    for (int i = 0; i < 10; ++i) {
+        tree << "<s" << i << " type=\"string\">a value of a camera %auto</s" << i << ">";
+    }
+    tree << "</v></p></cam></tree>";
+}
+
+void getByLibrary(const Client& client) {
+    char* value = nullptr;
+    check(client, kelbus_get(client.get(), kName, &value, kLimit));
+    kelbus_free(value);
+}
+
+void getAllByLibrary(const Client& client) {
+    kelbus_values* values = nullptr;
+    check(client, kelbus_get_all(client.get(), &values, kLimit));
+    kelbus_values_free(values);
+}
+
+struct Contest {
+    const char* title;
+    std::vector<Rival> rivals; // what is measured, then its yardstick
+    int repeats;
+    const char* goal;
+};
+
+void print(const Contest& contest) {
+    const Rival& own = contest.rivals[0];
+    const Rival& bare = contest.rivals[1];
+    std::printf("| %s | %.1f | %.1f | %.2f | %s |\n", contest.title, median(own.times),
+                median(bare.times), medianRatio(own.times, bare.times), contest.goal);
+}
+
+void playAll(const std::string& programs, int rounds) {
+    const Client client = openClient();
+    BusClient get{kGet};
+    BusClient all{kGetAll};
+    const std::string request = getRequest({kName});
+    const std::vector<std::string> kelctl{programs + "/kelctl", "get", kName};
+    const std::vector<std::string> list{programs + "/kelctl", "list"};
+    const std::vector<std::string> bare{programs + "/bare_request", kGet, request};
+    std::vector<Contest> contests{
+        {"libkelbus, GET of one name, over a bare request",
+         {{nullptr, [&] { getByLibrary(client); }}, {nullptr, [&] { get.ask(request); }}},
+         2000,
+         "<= 1.05"},
+        {"libkelbus, all parameters, over a bare request",
+         {{nullptr, [&] { getAllByLibrary(client); }}, {nullptr, [&] { all.ask(kGetAllRequest); }}},
+         5,
+         ""},
+        {"kelctl get NAME, over a bare program with the same request",
+         {{nullptr, [&] { runToEnd(kelctl); }}, {nullptr, [&] { runToEnd(bare); }}},
+         20,
+         "<= 1.5"},
+        {"kelctl list, over a bare request in a running process",
+         {{nullptr, [&] { runToEnd(list); }}, {nullptr, [&] { all.ask(kGetAllRequest); }}},
+         5,
+         "<= 3"}};
+    std::puts("| what | us | yardstick, us | ratio | goal |\n|---|---:|---:|---:|---|");
+    for (Contest& contest : contests) {
+        playTurns(contest.rivals, 4 * rounds, contest.repeats);
+        print(contest);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::fputs("usage: client_bench BIN [ROUNDS]\n", stderr);
+        return 2;
+    }
+    const std::string programs = argv[1];
+    const int rounds = argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 5;
+    clearFlash();
+    installTree(50'000);
+    runToEnd({programs + "/kelconf-init"});
+    setPrograms(argv[1]);
+    const Server daemon{daemonCommand()};
+    awaitDaemon();
+    playAll(programs, rounds);
+    return 0;
+}
