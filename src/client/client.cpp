@@ -73,7 +73,11 @@ kelbus_error unknownName(kelbus& client, const char* name) {
     return KELBUS_UNKNOWN_NAME;
 }
 
-// KELBUS_REFUSED stands for an answer of failure, which then is in `reply`.
+bool isFailure(const ReplyDocument& reply, const RequestKind& kind) {
+    return kind.failure != nullptr && reply.root == kind.failure;
+}
+
+// KELBUS_OK: an answer of success or of failure is in `reply`.
 kelbus_error request(kelbus& client, const RequestKind& kind, Parameters parameters,
                      ReplyDocument& reply, const Deadline& deadline) {
     RequestDocument document;
@@ -91,10 +95,7 @@ kelbus_error request(kelbus& client, const RequestKind& kind, Parameters paramet
     if (!client.reader.read({message.data(), message.size()}, reply)) {
         return broken(client);
     }
-    if (reply.root == kind.success) {
-        return KELBUS_OK;
-    }
-    return kind.failure != nullptr && reply.root == kind.failure ? KELBUS_REFUSED : broken(client);
+    return reply.root == kind.success || isFailure(reply, kind) ? KELBUS_OK : broken(client);
 }
 
 bool answers(const ReplyDocument& reply, Parameters parameters) {
@@ -109,12 +110,11 @@ bool answers(const ReplyDocument& reply, Parameters parameters) {
     return true;
 }
 
-// A GET whose answer is sure to list the names. KELBUS_REFUSED: some of them are unknown.
+// A GET whose answer is sure to list the names. An answer of failure: some of them are unknown.
 kelbus_error getValues(kelbus& client, Parameters names, ReplyDocument& reply,
                        const Deadline& deadline) {
     const kelbus_error error = request(client, kGet, names, reply, deadline);
-    const bool answered = error == KELBUS_OK || error == KELBUS_REFUSED;
-    return answered && !answers(reply, names) ? broken(client) : error;
+    return error == KELBUS_OK && !answers(reply, names) ? broken(client) : error;
 }
 
 // Looks for the unknown ones among `doubtful`, of which at least one was just now. Halving finds
@@ -143,7 +143,7 @@ class UnknownNames {
         }
         ReplyDocument reply;
         const kelbus_error error = getValues(client_, names, reply, deadline_);
-        return error == KELBUS_REFUSED ? find(doubtful) : error;
+        return error == KELBUS_OK && isFailure(reply, kGet) ? find(doubtful) : error;
     }
 
     kelbus& client_;
@@ -187,11 +187,12 @@ kelbus_error getMany(kelbus& client, Parameters names, std::unique_ptr<ValueList
                      const Deadline& deadline) {
     ReplyDocument reply;
     kelbus_error error = getValues(client, names, reply, deadline);
-    if (error != KELBUS_OK && error != KELBUS_REFUSED) {
+    if (error != KELBUS_OK) {
         return error;
     }
+    const bool some_unknown = isFailure(reply, kGet);
     values = makeValueList(std::move(reply));
-    if (error == KELBUS_REFUSED) {
+    if (some_unknown) {
         error = markUnknown(client, *values, deadline);
     }
     if (error != KELBUS_OK && error != KELBUS_UNKNOWN_NAME) {
@@ -224,7 +225,9 @@ kelbus_error setMany(kelbus& client, Parameters parameters, kelbus_kind kind,
     }
     ReplyDocument reply;
     const kelbus_error error = request(client, kSetKinds[index], parameters, reply, deadline);
-    return error == KELBUS_REFUSED ? explainRefusal(client, parameters, deadline) : error;
+    return error == KELBUS_OK && isFailure(reply, kSetKinds[index])
+               ? explainRefusal(client, parameters, deadline)
+               : error;
 }
 
 // Runs the body of a public call. Exceptions end here.
@@ -341,11 +344,11 @@ kelbus_error kelbus_get(kelbus* client, const char* name, char** value, int time
         const kelbus_parameter asked{name, nullptr};
         ReplyDocument reply;
         const kelbus_error error = getValues(open, {&asked, 1}, reply, Deadline{timeout_ms});
-        if (error == KELBUS_REFUSED) {
-            return unknownName(open, name);
-        }
         if (error != KELBUS_OK) {
             return error;
+        }
+        if (isFailure(reply, kGet)) {
+            return unknownName(open, name);
         }
         *value = newText(reply.text(reply.parameters.front().value));
         return *value != nullptr ? KELBUS_OK : KELBUS_NO_MEMORY;
