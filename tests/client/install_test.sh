@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs the library into a directory of its own and builds the examples against it, as a user
+# would: with pkg-config, shared and static, and with CMake. KELCONF_BUILD names the build directory.
+set -euo pipefail
+project=$(cd "${BASH_SOURCE[0]%/*}/../.." && pwd -P)
+build=${KELCONF_BUILD:-$project/build/release}
+work=$(mktemp -d "${TMPDIR:-/tmp}/kelbus-install.XXXXXX")
+trap 'rm -rf -- "$work"' EXIT
+prefix=$work/usr
+
+cmake --install "$build" --prefix "$prefix" >"$work/log"
+pc=$(find "$prefix" -name kelbus.pc)
+export PKG_CONFIG_PATH=${pc%/*}
+flags() { pkg-config --define-variable=prefix="$prefix" "$@" kelbus; }
+
+# shellcheck disable=SC2046 # words
+{
+    cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$project/examples/get_set.c" -o "$work/shared" \
+        $(flags --cflags --libs)
+    g++ -std=c++20 "$project/examples/watch.cpp" -o "$work/watch" $(flags --cflags --libs)
+    cc -std=c11 "$project/examples/get_set.c" -o "$work/static" $(flags --cflags) \
+        "$(find "$prefix" -name libkelbus.a)" $(pkg-config --libs libzmq libxml-2.0) -lstdc++ -pthread
+}
+cmake -S "$project/examples" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" >>"$work/log"
+cmake --build "$work/build" >>"$work/log"
+
+lib=$(dirname "$(find "$prefix" -name libkelbus.so)")
+for program in "$work/shared" "$work/static" "$work/build/kelbus-get-set"; do
+    said=$(LD_LIBRARY_PATH=$lib "$program" no.such 2>&1) && exit 1
+    case $said in
+        get_set:*) echo "ok: ${program##*/}: $said" ;;
+        *) echo "FAILED: $program: $said" && exit 1 ;;
+    esac
+done
+foreign=$(nm -D --defined-only "$lib/libkelbus.so" | grep -v ' kelbus_\| KELBUS_' || true)
+[ -z "$foreign" ] || { echo "FAILED: symbols that are not ours: $foreign"; exit 1; }
