@@ -170,6 +170,18 @@ const char* contradiction(const Options& options) {
     return nameless ? "an operand is empty" : nullptr;
 }
 
+// The words without a "--" that changes nothing, since no word behind it begins with "-": CLI11
+// gives what follows it to the program where the command needs no further operand.
+std::vector<const char*> withoutIdleMark(int argc, const char* const* argv) {
+    std::vector<const char*> words{argv, argv + argc};
+    const auto mark = std::find(words.begin(), words.end(), std::string_view{"--"});
+    if (mark != words.end() &&
+        std::none_of(mark + 1, words.end(), [](const char* word) { return word[0] == '-'; })) {
+        words.erase(mark);
+    }
+    return words;
+}
+
 } // namespace
 
 Invocation readCommandLine(int argc, const char* const* argv) {
@@ -191,7 +203,8 @@ Invocation readCommandLine(int argc, const char* const* argv) {
         known.emplace_back(added, &command);
     }
     try {
-        app.parse(argc, argv);
+        const std::vector<const char*> words = withoutIdleMark(argc, argv);
+        app.parse(static_cast<int>(words.size()), words.data());
     } catch (const CLI::CallForHelp&) {
         out(app.help());
         return invocation;

@@ -105,6 +105,7 @@ TEST(KelctlCommands, ReadAndSet) {
         {"kelctl list cam.k", 0, "cam.key=********\n"},
         {"kelctl get cam.passwd cam.key --show-secrets", 0, "cam.passwd=first\ncam.key=k-1\n"},
         {"kelctl list cam.p", 0, "cam.passwd=********\ncam.port=80\n"},
+        {"kelctl list -- cam.po", 0, "cam.port=80\n"},
         {"kelctl list cam.port.and.more", 1, "", "no name begins with cam.port.and.more"},
         {"kelctl group no", 1, "", "no parameter belongs to no"},
         {"kelctl list -0 cam.po", 0, "cam.port=80\0"sv},
