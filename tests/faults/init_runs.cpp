@@ -4,11 +4,9 @@
 
 #include <fcntl.h>
 #include <md5.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -23,64 +21,14 @@ constexpr const char* kConf = "/mnt/nand/conf";
 constexpr const char* kTrace = "/tmp/storage-calls";
 constexpr const char* kOut = "/tmp/init.out";
 constexpr const char* kErr = "/tmp/init.err";
-constexpr int kPatienceMs = 60000;
-constexpr const char* kAllRows = "SELECT rowid,* FROM CONFIGDEFAULT ORDER BY rowid";
-constexpr const char* kPages = "SELECT page_count, freelist_count, integrity_check FROM "
-                               "pragma_page_count, pragma_freelist_count, pragma_integrity_check";
+constexpr unsigned kPatienceSeconds = 60;
+// All rows, and last what tells whether the file is whole and compacted.
+constexpr const char* kContent =
+    "SELECT rowid,* FROM CONFIGDEFAULT UNION ALL SELECT NULL, page_count, freelist_count, "
+    "integrity_check, '', '', '', '' FROM pragma_page_count, pragma_freelist_count, "
+    "pragma_integrity_check";
 
-std::string digestOf(const std::string& content) {
-    MD5_CTX md5;
-    MD5Init(&md5);
-    MD5Update(&md5, reinterpret_cast<const std::uint8_t*>(content.data()), content.size());
-    std::array<std::uint8_t, MD5_DIGEST_LENGTH> digest{};
-    MD5Final(digest.data(), &md5);
-    return {digest.begin(), digest.end()};
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-pid_t startInit(std::vector<std::string> environment) {
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        environment.emplace_back(*variable);
-    }
-    std::vector<std::string> arguments{KELCONF_INIT};
-    posix_spawn_file_actions_t actions{};
-    posix_spawn_file_actions_init(&actions);
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, kOut, kFlags, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, kErr, kFlags, 0644);
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, KELCONF_INIT, &actions, nullptr,
-                                  pointersTo(arguments).data(), pointersTo(environment).data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        throw std::runtime_error("cannot start " KELCONF_INIT);
-    }
-    return pid;
-}
-
-// True when the process ended before the deadline; otherwise it is killed.
-bool awaitEnd(pid_t pid) {
-    pollfd end{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
-    if (end.fd < 0) {
-        throw std::runtime_error("no descriptor of a process");
-    }
-    const bool ended = poll(&end, 1, kPatienceMs) == 1;
-    if (!ended) {
-        kill(pid, SIGKILL);
-    }
-    close(end.fd);
-    return ended;
-}
-
-std::string copyForReading(const Flash& files, bool database_alone) {
+SqlRows contentOf(const Flash& files, bool database_alone) {
     const std::string dir = "/tmp/reading";
     fs::remove_all(dir);
     fs::create_directory(dir);
@@ -89,7 +37,7 @@ std::string copyForReading(const Flash& files, bool database_alone) {
             writeFile(dir + "/" + name, content);
         }
     }
-    return dir + "/default.db";
+    return sql(dir + "/default.db", kContent);
 }
 
 } // namespace
@@ -116,8 +64,16 @@ void restoreFlash(const Flash& files) {
 bool sealMatches(const Flash& files) {
     const auto database = files.find("default.db");
     const auto sidecar = files.find("default.db.md5");
-    return database != files.end() && sidecar != files.end() &&
-           sidecar->second.substr(0, MD5_DIGEST_LENGTH) == digestOf(database->second);
+    if (database == files.end() || sidecar == files.end()) {
+        return false;
+    }
+    const std::string& content = database->second;
+    MD5_CTX md5;
+    MD5Init(&md5);
+    MD5Update(&md5, reinterpret_cast<const std::uint8_t*>(content.data()), content.size());
+    std::string digest(MD5_DIGEST_LENGTH, '\0');
+    MD5Final(reinterpret_cast<std::uint8_t*>(digest.data()), &md5);
+    return sidecar->second.starts_with(digest);
 }
 
 bool sealed(const Flash& files) {
@@ -125,15 +81,26 @@ bool sealed(const Flash& files) {
 }
 
 InitRun runInit(const std::vector<std::string>& environment) {
-    const pid_t pid = startInit(environment);
-    InitRun run;
-    run.timed_out = !awaitEnd(pid);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(kPatienceSeconds); // stays set in the program
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+        dup2(open(kOut, kFlags, 0644), STDOUT_FILENO);
+        dup2(open(kErr, kFlags, 0644), STDERR_FILENO);
+        for (const std::string& variable : environment) {
+            const std::size_t equals = variable.find('=');
+            setenv(variable.substr(0, equals).c_str(), variable.c_str() + equals + 1, 1);
+        }
+        execl(KELCONF_INIT, KELCONF_INIT, nullptr);
+        _exit(127);
+    }
     int raw = 0;
     rusage usage{};
     if (wait4(pid, &raw, 0, &usage) != pid) {
-        throw std::runtime_error("wait4 failed");
+        throw std::runtime_error("cannot run " KELCONF_INIT);
     }
-    run.killed = WIFSIGNALED(raw) && WTERMSIG(raw) == SIGKILL && !run.timed_out;
+    InitRun run;
+    run.killed = WIFSIGNALED(raw) && WTERMSIG(raw) == SIGKILL;
     run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
     run.out = readFile(kOut);
     run.err = readFile(kErr);
@@ -153,13 +120,13 @@ std::vector<std::string> underFault(const std::string& plan) {
 }
 
 std::vector<StorageCall> traceInit() {
-    auto environment = underFault("");
+    auto environment = underFault();
     environment.push_back(std::string("KELCONF_FAULT_TRACE=") + kTrace);
     runInit(environment);
     std::vector<StorageCall> calls;
     std::istringstream lines(readFile(kTrace));
     StorageCall call{};
-    while (lines >> call.number >> call.kind >> call.name >> call.path) {
+    while (lines >> call.number >> call.kind >> call.path) {
         calls.push_back(call);
     }
     return calls;
@@ -167,18 +134,16 @@ std::vector<StorageCall> traceInit() {
 
 bool isModifying(const StorageCall& call) {
     return call.kind == "create" || call.kind == "write" || call.kind == "truncate" ||
-           call.kind == "remove" || call.kind == "sync" || call.kind == "owner";
+           call.kind == "remove" || call.kind == "sync";
 }
 
 Reference::Reference() {
     restoreFlash({});
     runInit();
     files_ = readFlash();
-    const std::string copy = copyForReading(files_, true);
-    rows_ = sql(copy, kAllRows);
-    pages_ = sql(copy, kPages);
-    if (!sealed(files_) || rows_.empty() || pages_.size() != 1 || pages_[0][1] != "0" ||
-        pages_[0][2] != "ok") {
+    content_ = contentOf(files_, true);
+    if (!sealed(files_) || content_.size() < 2 || content_.back()[2] != "0" ||
+        content_.back()[3] != "ok") {
         throw std::runtime_error("an undisturbed build is not right");
     }
 }
@@ -188,14 +153,10 @@ std::string Reference::wrongWith(const Flash& files) const {
         return {};
     }
     try {
-        const std::string alone = copyForReading(files, true);
-        if (sql(alone, kAllRows) != rows_) {
-            return "rows differ";
+        if (contentOf(files, true) != content_) {
+            return "rows differ, damaged or not compacted";
         }
-        if (sql(alone, kPages) != pages_) {
-            return "damaged or not compacted";
-        }
-        return sql(copyForReading(files, false), kAllRows) == rows_ ? "" : "a journal rolls in";
+        return contentOf(files, false) == content_ ? "" : "a journal rolls in";
     } catch (const std::exception& failure) {
         return failure.what();
     }

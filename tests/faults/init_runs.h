@@ -16,29 +16,28 @@ using Flash = std::map<std::string, std::string>;
 Flash readFlash();
 // Makes the directory hold exactly these files.
 void restoreFlash(const Flash& files);
-// Only the database and its sidecar, the digest right. Whether the rows are right is another
-// question (Reference).
-bool sealed(const Flash& files);
-// The same with anything beside the two.
+// The sidecar has the database's digest, whatever lies beside. Whether the rows are right is
+// another question (Reference).
 bool sealMatches(const Flash& files);
+// The same with nothing beside the two.
+bool sealed(const Flash& files);
 
 struct InitRun {
-    bool killed = false; // by SIGKILL, as a fault asked for
-    int status = -1;     // exit status when not killed, 128 + the signal for any other signal
-    bool timed_out = false;
+    bool killed = false;  // by SIGKILL, which only a fault sends
+    int status = -1;      // exit status when not killed, 128 + the signal for any other signal
     std::string out, err; // standard output and error
     long peak_kib = 0;    // most memory that was resident, in KiB
 };
 
-// Runs kelconf-init to its end, or kills it after 60 s. `environment`: "NAME=VALUE" in addition.
+// Runs kelconf-init to its end, by SIGALRM after 60 s. `environment`: "NAME=VALUE" in addition.
 InitRun runInit(const std::vector<std::string>& environment = {});
 
 // The environment that preloads the shim with this plan (see fault_shim.cpp).
-std::vector<std::string> underFault(const std::string& plan);
+std::vector<std::string> underFault(const std::string& plan = {});
 
 struct StorageCall {
     long number;
-    std::string kind, name, path;
+    std::string kind, path;
 };
 // What it calls in an undisturbed run from the present state.
 std::vector<StorageCall> traceInit();
@@ -56,7 +55,7 @@ class Reference {
 
   private:
     Flash files_;
-    SqlRows rows_, pages_;
+    SqlRows content_;
 };
 
 } // namespace kelconf::test
