@@ -6,12 +6,15 @@
 #include "support/records.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 
 namespace kelconf::test {
 namespace {
+
+namespace fs = std::filesystem;
+using Records = std::vector<std::string>;
 
 constexpr const char* kNeutral =
     "<r><ipcam type='trunk'><a type='int' range='0,9'>1</a>"
@@ -20,7 +23,6 @@ constexpr const char* kNeutral =
 constexpr const char* kExt =
     "<r><ipcam type='trunk'><a type='int'>other</a></ipcam><own type='trunk'><x type='int'>5</x>"
     "</own></r>";
-constexpr const char* kNames = "SELECT NAME,VALUE FROM CONFIGDEFAULT ORDER BY rowid";
 
 const SqlRows kNeutralRows = {{"ipcam.a", "1"},
                               {"ipcam.s.number", "2"},
@@ -28,14 +30,16 @@ const SqlRows kNeutralRows = {{"ipcam.a", "1"},
                               {"ipcam.s.2.l", "S2"},
                               {"private.p", "it's"}};
 
-const std::vector<std::string> kFoundSound = {"0 checking /mnt/nand/conf/default.db integrity\n"};
+constexpr const char* kMissing = "0 default file missing\n";
+constexpr const char* kCheck = "0 checking /mnt/nand/conf/default.db integrity\n";
+constexpr const char* kMismatch = "2 default database MD5 checksum error\n";
+constexpr const char* kJournal = "2 unfinished journal beside the default database\n";
+constexpr const char* kNotParsed = "2 error: could not parse file ";
 
-std::vector<std::string> buildRecords(std::vector<std::string> first,
-                                      const std::vector<std::string>& last = {}) {
-    for (const char* record : {"0 Creating default database\n", "0 Table created successfully\n",
-                               "0 Done creating default DB\n"}) {
-        first.emplace_back(record);
-    }
+// The records of a whole build between others.
+Records built(Records first, const Records& last = {}) {
+    first.insert(first.end(), {"0 Creating default database\n", "0 Table created successfully\n",
+                               "0 Done creating default DB\n"});
     first.insert(first.end(), last.begin(), last.end());
     return first;
 }
@@ -50,7 +54,7 @@ class Init : public testing::Test {
 
     // Runs the program and returns what it logged; whatever happens, its status is 0 and its
     // standard output empty.
-    std::vector<std::string> run() {
+    Records run() {
         const ProgramResult result = runProgram("kelconf-init");
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.out, "");
@@ -60,12 +64,10 @@ class Init : public testing::Test {
 
     static void expectSealed(const SqlRows& rows) {
         EXPECT_TRUE(checkFileMD5(paths::kDefaultDb, paths::kDefaultDbMd5));
-        EXPECT_EQ(sql(paths::kDefaultDb, kNames), rows);
+        EXPECT_EQ(sql(paths::kDefaultDb, "SELECT NAME,VALUE FROM CONFIGDEFAULT ORDER BY rowid"),
+                  rows);
         EXPECT_EQ(sql(paths::kDefaultDb, "PRAGMA freelist_count"), (SqlRows{{"0"}}));
-        for (const auto& entry : std::filesystem::directory_iterator("/mnt/nand/conf")) {
-            const std::string name = entry.path().filename();
-            EXPECT_TRUE(name == "default.db" || name == "default.db.md5") << name;
-        }
+        EXPECT_EQ(std::distance(fs::directory_iterator("/mnt/nand/conf"), {}), 2);
     }
 
     DeviceLog log;
@@ -73,60 +75,52 @@ class Init : public testing::Test {
 };
 
 TEST_F(Init, BuildsThenFindsItSoundAndTouchesNothing) {
-    EXPECT_EQ(run(), buildRecords({"0 default file missing\n"}));
+    EXPECT_EQ(run(), built({kMissing}));
     EXPECT_EQ(reports, "");
     expectSealed(kNeutralRows);
-
-    struct stat before {};
-    stat(paths::kDefaultDb, &before);
+    const auto time = fs::last_write_time(paths::kDefaultDb);
     writeFile(paths::kNeutralTree, kExt); // a changed tree alone rebuilds nothing
-    EXPECT_EQ(run(), kFoundSound);
-    struct stat after {};
-    stat(paths::kDefaultDb, &after);
-    EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
-    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(run(), Records{kCheck});
+    EXPECT_EQ(fs::last_write_time(paths::kDefaultDb), time);
     expectSealed(kNeutralRows);
 }
 
-TEST_F(Init, ExtensionTreeAddsAndCannotRedefine) {
+TEST_F(Init, ExtensionTreeAddsAndCannotRedefineNorPreventTheSeal) {
     writeFile(paths::kExtTree, kExt);
-    EXPECT_EQ(run(), buildRecords({"0 default file missing\n"},
-                                  {"2 SQL error: UNIQUE constraint failed: CONFIGDEFAULT.NAME\n"}));
+    EXPECT_EQ(run(),
+              built({kMissing}, {"2 SQL error: UNIQUE constraint failed: CONFIGDEFAULT.NAME\n"}));
     SqlRows rows = kNeutralRows;
     rows.push_back({"own.x", "5"});
     expectSealed(rows);
-    EXPECT_EQ(run(), kFoundSound);
-}
-
-TEST_F(Init, ExtensionTreeThatCannotBeParsedIsLeftOut) {
-    for (const char* ext : {"", "<r>", "<r><own type='trunk'><x type='int'>5</x></own>"}) {
-        std::filesystem::remove(paths::kDefaultDb);
-        writeFile(paths::kExtTree, ext);
-        EXPECT_EQ(run(),
-                  buildRecords({"0 default file missing\n"}, {"2 error: could not parse file "}));
+    for (const char* ext : {"", "<r>", "<r><own type='trunk'><x type='int'>5</x></own>", "/"}) {
+        SCOPED_TRACE(ext);
+        fs::remove_all(paths::kDefaultDb);
+        fs::remove_all(paths::kExtTree);
+        if (*ext == '/') {
+            fs::create_directory(paths::kExtTree);
+        } else {
+            writeFile(paths::kExtTree, ext);
+        }
+        EXPECT_EQ(run(), built({kMissing}, {kNotParsed}));
         EXPECT_NE(reports, "") << "libxml2 says where";
         expectSealed(kNeutralRows);
     }
-    std::filesystem::remove(paths::kExtTree);
-    std::filesystem::remove(paths::kDefaultDb);
-    std::filesystem::create_directory(paths::kExtTree);
-    run();
-    expectSealed(kNeutralRows);
 }
 
 TEST_F(Init, NeutralTreeThatCannotBeParsedLeavesNoSeal) {
-    std::filesystem::remove(paths::kNeutralTree);
-    std::vector<std::string> expected = {
-        "0 default file missing\n", "0 Creating default database\n",
-        "0 Table created successfully\n", "2 error: could not parse file "};
+    fs::remove(paths::kNeutralTree);
+    Records expected = built({kMissing});
+    expected.back() = kNotParsed;
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(run(), expected);
         EXPECT_FALSE(exists(paths::kDefaultDbMd5));
-        EXPECT_EQ(sql(paths::kDefaultDb, kNames), SqlRows{});
+        EXPECT_EQ(sql(paths::kDefaultDb, "SELECT * FROM CONFIGDEFAULT"), SqlRows{});
         if (attempt == 0) {
             expected.erase(expected.begin()); // the file is there now, without a seal
+            fs::create_directory(paths::kNeutralTree);
         }
     }
+    fs::remove(paths::kNeutralTree);
     writeFile(paths::kNeutralTree, kNeutral);
     run();
     expectSealed(kNeutralRows);
@@ -136,56 +130,54 @@ TEST_F(Init, DamageIsFoundAndRepaired) {
     run();
     const std::string sound = readFile(paths::kDefaultDb);
     const std::string seal = readFile(paths::kDefaultDbMd5);
-    const std::string mismatch = "2 default database MD5 checksum error\n";
-
     std::string flipped = sound;
-    flipped[flipped.size() - 100] = static_cast<char>(flipped[flipped.size() - 100] ^ 1);
-    for (const std::string& damaged : {flipped, sound.substr(0, sound.size() / 2), std::string(),
-                                       sound + '\0', std::string(5000, 'x')}) {
-        writeFile(paths::kDefaultDb, damaged);
-        EXPECT_EQ(run(), buildRecords({mismatch}));
+    flipped[flipped.size() - 100] ^= 1;
+    const auto file = [](const std::string& path, const std::string& content) {
+        return [=] { writeFile(path, content); };
+    };
+    const std::string beside = paths::kDefaultDb;
+    const std::pair<std::function<void()>, Records> cases[] = {
+        {file(paths::kDefaultDb, flipped), {kMismatch}},
+        {file(paths::kDefaultDb, sound.substr(0, sound.size() / 2)), {kMismatch}},
+        {file(paths::kDefaultDb, ""), {kMismatch}},
+        {file(paths::kDefaultDb, sound + '\0'), {kMismatch}},
+        {file(paths::kDefaultDbMd5, ""), {kMismatch}},
+        {file(paths::kDefaultDbMd5, seal.substr(0, 15)), {kMismatch}},
+        {file(paths::kDefaultDbMd5, std::string(16, 'x')), {kMismatch}},
+        {[] { fs::remove(paths::kDefaultDbMd5); }, {}},
+        // A sealed file that is no such database: only the scan can tell.
+        {[] {
+             fs::remove(paths::kDefaultDb);
+             sql(paths::kDefaultDb, "CREATE TABLE OTHER(X)");
+             createFileMD5(paths::kDefaultDb, paths::kDefaultDbMd5);
+         },
+         {kCheck, "0 SQL error: no such table: CONFIGDEFAULT\n"}},
+        {file(beside + "-journal", "j"), {kJournal}},
+        {file(beside + "-wal", "j"), {kJournal}},
+        {file(beside + "-shm", "j"), {kJournal}},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(i);
+        cases[i].first();
+        EXPECT_EQ(run(), built(cases[i].second));
         expectSealed(kNeutralRows);
+        EXPECT_EQ(run(), Records{kCheck});
     }
-    for (const std::string& bad_seal : {std::string(), seal.substr(0, 15), std::string(16, 'x')}) {
-        writeFile(paths::kDefaultDbMd5, bad_seal);
-        EXPECT_EQ(run(), buildRecords({mismatch}));
-        expectSealed(kNeutralRows);
-    }
-    std::filesystem::remove(paths::kDefaultDbMd5);
-    EXPECT_EQ(run(), buildRecords({})) << "an absent sidecar has no message";
-    expectSealed(kNeutralRows);
-
-    // A sealed file that is no such database: only the scan can tell.
-    std::filesystem::remove(paths::kDefaultDb);
-    sql(paths::kDefaultDb, "CREATE TABLE OTHER(X)");
-    createFileMD5(paths::kDefaultDb, paths::kDefaultDbMd5);
-    EXPECT_EQ(run(), buildRecords({kFoundSound[0], "0 SQL error: no such table: CONFIGDEFAULT\n"}));
-    expectSealed(kNeutralRows);
 }
 
 TEST_F(Init, AnEmptyTableUnderASealIsSound) {
     writeFile(paths::kNeutralTree, "<r/>");
     run();
     expectSealed({});
-    EXPECT_EQ(run(), kFoundSound);
+    EXPECT_EQ(run(), Records{kCheck});
 }
 
-TEST_F(Init, WhatLiesBesideTheDatabaseIsNeverRolledIn) {
-    for (const char* suffix : {"-journal", "-wal", "-shm"}) {
-        SCOPED_TRACE(suffix);
-        std::filesystem::remove(paths::kDefaultDb);
-        run();
-        writeFile(std::string(paths::kDefaultDb) + suffix, std::string(4096, 'j'));
-        EXPECT_EQ(run(), buildRecords({"2 unfinished journal beside the default database\n"}));
-        expectSealed(kNeutralRows);
-        EXPECT_EQ(run(), kFoundSound);
-    }
-}
-
-TEST_F(Init, ADirectoryInTheDatabasesPlace) {
-    std::filesystem::create_directory(paths::kDefaultDb);
-    const auto records = run();
-    EXPECT_EQ(records.back(), "2 default database incomplete, not sealed\n");
+TEST_F(Init, WhereNoDatabaseCanBeMadeTheRecordsSayWhy) {
+    fs::create_directory(paths::kDefaultDb);
+    EXPECT_EQ(run(), (Records{"0 Creating default database\n",
+                              "0 Can't open database: unable to open database file\n",
+                              "0 Done creating default DB\n", "2 database open error\n",
+                              "2 default database incomplete, not sealed\n"}));
     EXPECT_FALSE(exists(paths::kDefaultDbMd5));
 }
 

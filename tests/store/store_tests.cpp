@@ -14,12 +14,16 @@
 #include <md5.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 
 namespace kelconf::test {
 namespace {
 
-const std::string kAllDefaults =
-    "SELECT NAME,VALUE,TYPE,RANGE,STEP,HTTP_ACCESS,OPTIONS FROM CONFIGDEFAULT ORDER BY rowid";
+using Records = std::vector<std::string>;
+constexpr const char* kNoTable = "2 SQL error: no such table: CONFIGDEFAULT\n";
+constexpr const char* kCannotOpen = "0 Can't open database: unable to open database file\n";
+constexpr const char* kChecking = "0 checking /mnt/nand/conf/default.db integrity\n";
 
 std::string md5Of(const std::string& bytes) {
     MD5_CTX context;
@@ -39,7 +43,7 @@ class Store : public testing::Test {
     }
 
     // Every record since the last call, as "LEVEL TEXT", and that both sinks agree on them.
-    std::vector<std::string> logged() { return sameInBothSinks(log.take()); }
+    Records logged() { return sameInBothSinks(log.take()); }
 
     static void add(const char* name, const char* value) {
         const xitem item{newText(name),      newText(value),    newText("type'"),
@@ -54,206 +58,149 @@ class Store : public testing::Test {
 // ---- The default table ----
 
 TEST_F(Store, CreatesTheTableAsDescribed) {
-    createDefaultSQLTable();
-    EXPECT_EQ(logged(), std::vector<std::string>{"0 Table created successfully\n"});
-    EXPECT_EQ(sql(paths::kDefaultDb, "SELECT sql FROM sqlite_schema WHERE type='table'"),
-              (SqlRows{{"CREATE TABLE CONFIGDEFAULT( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT          "
-                        "     ,TYPE TEXT               ,RANGE TEXT           ,STEP TEXT           "
-                        ",HTTP_ACCESS TEXT           ,OPTIONS TEXT          )"}}));
-    const std::string before = readFile(paths::kDefaultDb);
-    createDefaultSQLTable();
-    EXPECT_TRUE(logged().empty());
-    EXPECT_EQ(readFile(paths::kDefaultDb), before);
+    for (const Records& records : {Records{"0 Table created successfully\n"}, Records{}}) {
+        createDefaultSQLTable();
+        EXPECT_EQ(logged(), records);
+        EXPECT_EQ(
+            sql(paths::kDefaultDb, "SELECT sql FROM sqlite_schema WHERE type='table'"),
+            (SqlRows{{"CREATE TABLE CONFIGDEFAULT( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT          "
+                      "     ,TYPE TEXT               ,RANGE TEXT           ,STEP TEXT           "
+                      ",HTTP_ACCESS TEXT           ,OPTIONS TEXT          )"}}));
+    }
 }
 
 TEST_F(Store, WritesTextsExactlyAndTheFirstOfTwoNames) {
-    const std::vector<std::string> texts = {"plain",
-                                            "",
-                                            "it's",
-                                            "''",
-                                            "a\"b",
-                                            "'); DROP TABLE CONFIGDEFAULT; --",
-                                            "%s%n?1:a@b$c",
-                                            "\xc3\xbc\n\t ",
-                                            std::string(5000, 'x') + "'",
-                                            std::string(1 << 20, 'y')};
+    const std::string texts[] = {"", "it''s \" %s%n?1:a@b$c", "'); DROP TABLE CONFIGDEFAULT; --",
+                                 "\xc3\xbc\n\t ", std::string(1 << 20, 'y') + "'"};
     createDefaultSQLTable();
     initXitemList();
     SqlRows expected;
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        const std::string name = "n'" + std::to_string(i);
-        add(name.c_str(), texts[i].c_str());
-        expected.push_back({name, texts[i], "type'", "range\"", "step", "access", "options;"});
+    for (const std::string& text : texts) {
+        const std::string name = "n'" + std::to_string(expected.size());
+        add(name.c_str(), text.c_str());
+        expected.push_back({name, text, "type'", "range\"", "step", "access", "options;"});
     }
     add("n'0", "second");
     log.take();
     EXPECT_EQ(insertDefaultSQLEntry(), 1);
     delXitemList();
-    EXPECT_EQ(logged(), std::vector<std::string>{
-                            "2 SQL error: UNIQUE constraint failed: CONFIGDEFAULT.NAME\n"});
-    EXPECT_EQ(sql(paths::kDefaultDb, kAllDefaults), expected);
+    EXPECT_EQ(logged(), Records{"2 SQL error: UNIQUE constraint failed: CONFIGDEFAULT.NAME\n"});
+    EXPECT_EQ(sql(paths::kDefaultDb, "SELECT NAME,VALUE,TYPE,RANGE,STEP,HTTP_ACCESS,OPTIONS FROM "
+                                     "CONFIGDEFAULT ORDER BY rowid"),
+              expected);
     EXPECT_FALSE(storageFaultNoted()) << "a refused duplicate is ordinary";
 }
 
-TEST_F(Store, WithoutTheTableEveryRowFailsAndIsAFault) {
-    initXitemList();
-    add("a", "1");
-    add("b", "2");
-    EXPECT_EQ(insertDefaultSQLEntry(), 1);
-    delXitemList();
-    EXPECT_EQ(logged(), (std::vector<std::string>{"2 SQL error: no such table: CONFIGDEFAULT\n",
-                                                  "2 SQL error: no such table: CONFIGDEFAULT\n"}));
-    EXPECT_TRUE(storageFaultNoted());
-}
-
-TEST_F(Store, EmptyListIsATransactionToo) {
-    createDefaultSQLTable();
-    initXitemList();
-    EXPECT_EQ(insertDefaultSQLEntry(), 1);
-    delXitemList();
-    EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 1);
-    EXPECT_FALSE(storageFaultNoted());
-}
-
-TEST_F(Store, ALockHeldElsewhereFailsAtOnce) {
-    createDefaultSQLTable();
-    sqlite3* other = nullptr;
-    sqlite3_open(paths::kDefaultDb, &other);
-    sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-    initXitemList();
-    add("a", "1");
-    log.take();
-    EXPECT_EQ(insertDefaultSQLEntry(), 1);
-    shrinkDB(paths::kDefaultDb);
-    EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 0);
-    delXitemList();
-    sqlite3_close(other);
-    EXPECT_EQ(logged(),
-              (std::vector<std::string>{
-                  "2 PRAGMA NORMAL error:database is locked\n", "2 SQL error: database is locked\n",
-                  "2 execute vacuum error\n", "0 checking /mnt/nand/conf/default.db integrity\n",
-                  "0 SQL error: database is locked\n"}));
-    EXPECT_TRUE(storageFaultNoted());
-}
-
-TEST_F(Store, WhatCannotBeOpened) {
-    std::filesystem::create_directory(paths::kDefaultDb);
-    initXitemList();
-    createDefaultSQLTable();
-    EXPECT_EQ(insertDefaultSQLEntry(), 0);
-    delXitemList();
-    EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 0);
-    shrinkDB(paths::kDefaultDb);
-    EXPECT_EQ(logged(),
-              (std::vector<std::string>{"0 Can't open database: unable to open database file\n",
-                                        "0 checking /mnt/nand/conf/default.db integrity\n",
-                                        "0 Can't open database: unable to open database file\n",
-                                        "2 database open error\n"}));
+// Fills, scans and compacts what stands in the database's place.
+TEST_F(Store, WhatStandsInTheWayIsLoggedAndNoted) {
+    std::unique_ptr<sqlite3, decltype(&sqlite3_close)> lock(nullptr, sqlite3_close);
+    const struct {
+        std::function<void()> make;
+        std::int32_t filled;
+        Records records;
+    } cases[] = {
+        {[] {}, 1, {kNoTable, kNoTable, kChecking, std::string(kNoTable).replace(0, 1, "0")}},
+        {[&] {
+             sqlite3* other = nullptr;
+             sqlite3_open(paths::kDefaultDb, &other);
+             lock.reset(other);
+             sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+         },
+         1,
+         {"2 PRAGMA NORMAL error:database is locked\n", "2 SQL error: database is locked\n",
+          "2 SQL error: database is locked\n", kChecking, "0 SQL error: database is locked\n",
+          "2 execute vacuum error\n"}},
+        {[] {
+             std::filesystem::remove(paths::kDefaultDb);
+             std::filesystem::create_directory(paths::kDefaultDb);
+         },
+         0,
+         {kCannotOpen, kChecking, kCannotOpen, "2 database open error\n"}},
+    };
+    for (const auto& c : cases) {
+        clearStorageFault();
+        c.make();
+        initXitemList();
+        add("a", "1");
+        add("b", "2");
+        EXPECT_EQ(insertDefaultSQLEntry(), c.filled);
+        delXitemList();
+        EXPECT_TRUE(storageFaultNoted());
+        EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 0);
+        shrinkDB(paths::kDefaultDb);
+        EXPECT_EQ(logged(), c.records);
+    }
 }
 
 TEST_F(Store, IntegrityIsAFullScan) {
-    const std::string path = "/mnt/nand/conf/x.db";
-    EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 0) << "created empty";
-    EXPECT_TRUE(exists(path));
-    EXPECT_EQ(logged(), (std::vector<std::string>{"0 checking /mnt/nand/conf/x.db integrity\n",
-                                                  "0 SQL error: no such table: CONFIGDEFAULT\n"}));
+    const std::string path = paths::kDefaultDb;
     writeFile(path, "no database at all, but long enough to be read as the head of one.......");
     EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 0);
-    EXPECT_EQ(logged().back(), "0 SQL error: file is not a database\n");
-
+    EXPECT_EQ(logged(), (Records{kChecking, "0 SQL error: file is not a database\n"}));
+    std::filesystem::remove(path);
     createDefaultSQLTable();
-    sql(paths::kDefaultDb,
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n LIMIT 2000)"
-        " INSERT INTO CONFIGDEFAULT SELECT i,i,i,i,i,i,i FROM n");
-    EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 1);
-    std::string bytes = readFile(paths::kDefaultDb);
-    bytes.resize(bytes.size() / 2);
-    writeFile(paths::kDefaultDb, bytes);
-    EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 0) << "cut in the middle";
+    sql(path, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n LIMIT 2000)"
+              " INSERT INTO CONFIGDEFAULT SELECT i,i,i,i,i,i,i FROM n");
+    EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 1);
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+    EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 0) << "cut in the middle";
 }
 
 TEST_F(Store, ShrinkGivesPagesBack) {
     createDefaultSQLTable();
     sql(paths::kDefaultDb, "INSERT INTO CONFIGDEFAULT(NAME,VALUE) VALUES('a',zeroblob(100000));"
                            "DELETE FROM CONFIGDEFAULT");
-    const auto before = std::filesystem::file_size(paths::kDefaultDb);
     shrinkDB(paths::kDefaultDb);
-    EXPECT_LT(std::filesystem::file_size(paths::kDefaultDb), before / 4);
     EXPECT_EQ(sql(paths::kDefaultDb, "PRAGMA freelist_count"), (SqlRows{{"0"}}));
 }
 
 // ---- Sidecars ----
 
-TEST_F(Store, SidecarIsTheRawDigest) {
-    const std::string file = "/mnt/nand/conf/guarded";
-    const std::string seal = "/mnt/nand/conf/guarded.md5";
-    for (const std::size_t size : {0U, 1U, 64U, 131072U, 1000003U}) {
-        const std::string content(size, 'k');
-        writeFile(file, content);
-        createFileMD5(file.c_str(), seal.c_str());
-        EXPECT_EQ(readFile(seal), md5Of(content)) << size;
-        EXPECT_TRUE(checkFileMD5(file.c_str(), seal.c_str()));
-    }
-    EXPECT_EQ(std::filesystem::status(seal).permissions(), std::filesystem::perms(0644));
-    EXPECT_TRUE(logged().empty());
-}
+constexpr const char* kFile = "/mnt/nand/conf/guarded";
+constexpr const char* kSeal = "/mnt/nand/conf/guarded.md5";
 
-TEST_F(Store, SidecarsThatMatchAndThatDoNot) {
-    const std::string file = "/mnt/nand/conf/guarded";
-    const std::string seal = "/mnt/nand/conf/guarded.md5";
-    writeFile(file, "content");
-    const std::string digest = md5Of("content");
-    std::string hex;
-    for (const char byte : digest) {
-        constexpr const char* kDigits = "0123456789abcdef";
-        hex += kDigits[static_cast<unsigned char>(byte) >> 4U];
-        hex += kDigits[static_cast<unsigned char>(byte) & 15U];
+TEST_F(Store, SidecarIsTheRawDigestAndWhatFollowsItStays) {
+    for (const std::size_t size : {0U, 64U, 131072U, 1000003U}) {
+        const std::string content(size, 'k');
+        writeFile(kFile, content);
+        EXPECT_TRUE(createFileMD5(kFile, kSeal));
+        EXPECT_EQ(readFile(kSeal), md5Of(content)) << size;
     }
+    EXPECT_EQ(std::filesystem::status(kSeal).permissions(), std::filesystem::perms(0644));
+    writeFile(kFile, "content");
+    const std::string digest = md5Of("content");
     const std::pair<std::string, bool> cases[] = {
         {digest, true},
         {digest + "more", true},
-        {hex, false},
         {"", false},
         {digest.substr(0, 15), false},
         {std::string(16, '\0'), false},
-        {digest.substr(1) + digest[0], false},
+        {digest.substr(0, 15) + static_cast<char>(digest[15] ^ 1), false},
     };
     for (const auto& [content, matches] : cases) {
-        writeFile(seal, content);
-        EXPECT_EQ(checkFileMD5(file.c_str(), seal.c_str()), matches) << content;
+        writeFile(kSeal, content);
+        EXPECT_EQ(checkFileMD5(kFile, kSeal), matches) << content;
     }
-    std::filesystem::remove(seal);
-    std::filesystem::create_directory(seal);
-    EXPECT_FALSE(checkFileMD5(file.c_str(), seal.c_str()));
-    createFileMD5(file.c_str(), seal.c_str());
+    writeFile(kSeal, std::string(16, 'o') + "tail");
+    EXPECT_TRUE(createFileMD5(kFile, kSeal));
+    EXPECT_TRUE(logged().empty());
+    std::filesystem::remove(kFile);
+    EXPECT_FALSE(createFileMD5(kFile, kSeal));
+    EXPECT_EQ(logged(), Records{"2 create hash failed \n"});
+    EXPECT_EQ(readFile(kSeal), digest + "tail");
+    writeFile(kFile, "content");
+    std::filesystem::remove(kSeal);
+    std::filesystem::create_directory(kSeal);
+    EXPECT_FALSE(checkFileMD5(kFile, kSeal));
+    EXPECT_FALSE(createFileMD5(kFile, kSeal));
     EXPECT_TRUE(logged().empty()) << "a sidecar that cannot be opened is silent";
 }
 
-TEST_F(Store, RewritingASidecarKeepsWhatFollowsTheDigest) {
-    const std::string file = "/mnt/nand/conf/guarded";
-    const std::string seal = "/mnt/nand/conf/guarded.md5";
-    writeFile(file, "content");
-    writeFile(seal, std::string(16, 'o') + "tail");
-    createFileMD5(file.c_str(), seal.c_str());
-    EXPECT_EQ(readFile(seal), md5Of("content") + "tail");
-    std::filesystem::remove(file);
-    createFileMD5(file.c_str(), seal.c_str());
-    std::filesystem::create_directory(file);
-    createFileMD5(file.c_str(), seal.c_str());
-    EXPECT_EQ(logged(),
-              (std::vector<std::string>{"2 create hash failed \n", "2 create hash failed \n"}));
-    EXPECT_EQ(readFile(seal), md5Of("content") + "tail");
-}
-
-struct Pair {
-    bool (*check)();
-    const char *file, *seal;
-    const char* without_seal; // record when only the file is there
-    const char* mismatch;     // record when they differ, or the file is missing
-};
-
 TEST_F(Store, GuardedPairs) {
-    const Pair pairs[] = {
+    const struct {
+        bool (*check)();
+        const char *file, *seal, *without_seal, *mismatch; // records, the latter without file too
+    } pairs[] = {
         {checkDefaultConfigDBMD5, paths::kDefaultDb, paths::kDefaultDbMd5, nullptr,
          "2 default database MD5 checksum error\n"},
         {checkConfigDBMD5, paths::kLiveDb, paths::kLiveDbMd5, nullptr,
@@ -265,45 +212,41 @@ TEST_F(Store, GuardedPairs) {
         {checkExtXMLFileStatus, paths::kExtTree, paths::kExtTreeMd5, "0 Ext XMl has new update\n",
          "0 Ext XMl has new update\n"},
     };
-    const auto records = [](const char* text) {
-        return text == nullptr ? std::vector<std::string>{} : std::vector<std::string>{text};
-    };
-    for (const Pair& pair : pairs) {
+    for (const auto& pair : pairs) {
         SCOPED_TRACE(pair.file);
+        const auto expect = [&](bool result, const char* text) {
+            EXPECT_EQ(pair.check(), result);
+            EXPECT_EQ(logged(), text == nullptr ? Records{} : Records{text});
+        };
         writeFile(pair.file, "content");
-        EXPECT_FALSE(pair.check());
-        EXPECT_EQ(logged(), records(pair.without_seal));
+        expect(false, pair.without_seal);
         createFileMD5(pair.file, pair.seal);
-        EXPECT_TRUE(pair.check());
-        EXPECT_TRUE(logged().empty());
+        expect(true, nullptr);
         writeFile(pair.file, "Content");
-        EXPECT_FALSE(pair.check());
-        EXPECT_EQ(logged(), records(pair.mismatch));
+        expect(false, pair.mismatch);
         std::filesystem::remove(pair.file);
-        EXPECT_FALSE(pair.check());
-        EXPECT_EQ(logged(), records(pair.mismatch));
+        expect(false, pair.mismatch);
     }
 }
 
 TEST_F(Store, Presence) {
     const struct {
         bool (*check)();
-        const char *path, *record;
+        const char* path;
+        Records absent;
     } cases[] = {
-        {checkDefaultFile, paths::kDefaultDb, "0 default file missing\n"},
-        {checkConfFile, paths::kLiveDb, "0 conf file missing\n"},
-        {checkConfBackupFile, paths::kBackupDb, "0 conf backup file missing\n"},
+        {checkDefaultFile, paths::kDefaultDb, {"0 default file missing\n"}},
+        {checkConfFile, paths::kLiveDb, {"0 conf file missing\n"}},
+        {checkConfBackupFile, paths::kBackupDb, {"0 conf backup file missing\n"}},
+        {extTreeFileExist, paths::kExtTree, {}},
     };
     for (const auto& c : cases) {
         EXPECT_FALSE(c.check());
-        EXPECT_EQ(logged(), std::vector<std::string>{c.record});
+        EXPECT_EQ(logged(), c.absent);
         std::filesystem::create_directory(c.path);
         EXPECT_TRUE(c.check()) << "whatever kind of file it is";
+        EXPECT_TRUE(logged().empty());
     }
-    EXPECT_FALSE(extTreeFileExist());
-    writeFile(paths::kExtTree, "");
-    EXPECT_TRUE(extTreeFileExist());
-    EXPECT_TRUE(logged().empty());
     EXPECT_FALSE(storageFaultNoted());
 }
 
@@ -322,77 +265,77 @@ TEST_F(Store, LiveBuilderAddsWhatIsMissing) {
               "<ipcamera type='trunk'><x type='int'>2</x></ipcamera>"
               "<private type='trunk'><kept type='int'>theirs</kept><q type='s'>it's</q>"
               "<q type='s'>second</q></private></r>");
-    const SqlRows expected = {
-        {"ipcamera.x", "2", "int"}, {"private.kept", "mine", "string"}, {"private.q", "it's", "s"}};
     for (int run = 0; run < 2; ++run) {
         initXitemList();
         createConf();
-        EXPECT_EQ(logged(), std::vector<std::string>{"0 insert finishes\n"});
-        EXPECT_EQ(sql(paths::kLiveDb, kAllLive), expected);
+        EXPECT_EQ(logged(), Records{"0 insert finishes\n"});
+        EXPECT_EQ(sql(paths::kLiveDb, kAllLive), (SqlRows{{"ipcamera.x", "2", "int"},
+                                                          {"private.kept", "mine", "string"},
+                                                          {"private.q", "it's", "s"}}));
     }
     EXPECT_FALSE(storageFaultNoted());
 }
 
-TEST_F(Store, LiveBuilderFailures) {
-    writeFile(paths::kExtTree, "<r><t type='trunk'><x type='int'>1</x></t></r>");
-    initXitemList();
-    createExtConf(); // no table: every row fails without a message
-    EXPECT_EQ(logged(), std::vector<std::string>{"0 insert finishes\n"});
-    EXPECT_TRUE(storageFaultNoted());
-
-    std::filesystem::remove(paths::kLiveDb);
-    std::filesystem::create_directory(paths::kLiveDb);
-    initXitemList();
-    createExtConf();
-    EXPECT_EQ(logged(),
-              (std::vector<std::string>{"0 Can't open database: unable to open database file\n",
-                                        "2 database open error\n"}));
-
-    writeFile(paths::kExtTree, "<r>");
-    initXitemList();
-    createExtConf(); // no compaction, no table touched
-    EXPECT_EQ(logged(), std::vector<std::string>{"2 error: could not parse file "});
+TEST_F(Store, LiveBuilderOfAnExtension) {
+    const struct {
+        void (*make)();
+        const char* tree;
+        Records records;
+        bool fault;
+    } cases[] = {
+        {[] { sql(paths::kLiveDb, kLiveTable); },
+         "<r><t type='trunk'>\n<m type='multiple_instance' number='2147483647'>"
+         "<x type='i'/></m></t></r>",
+         {"2 tree over the expansion limit: 1 elements left out or not repeated, first t.m in line "
+          "2\n",
+          "0 insert finishes\n"},
+         false},
+        {[] { sql(paths::kLiveDb, "DROP TABLE CONFIG"); },
+         "<r><t type='trunk'><x type='int'>1</x></t></r>",
+         {"0 insert finishes\n"}, // each row fails without a message
+         true},
+        {[] {
+             std::filesystem::remove(paths::kLiveDb);
+             std::filesystem::create_directory(paths::kLiveDb);
+         },
+         "<r/>",
+         {kCannotOpen, "2 database open error\n"},
+         true},
+        // No compaction, no table touched.
+        {[] {}, "<r>", {"2 error: could not parse file "}, false},
+    };
+    for (const auto& c : cases) {
+        clearStorageFault();
+        c.make();
+        writeFile(paths::kExtTree, c.tree);
+        initXitemList();
+        createExtConf();
+        EXPECT_EQ(logged(), c.records);
+        EXPECT_EQ(storageFaultNoted(), c.fault);
+    }
     EXPECT_EQ(CheckXitemListLength(), 0);
     delXitemList();
 }
 
 TEST_F(Store, NeutralTreeThatCannotBeParsedEndsTheProcess) {
     for (void (*build)() : {+[] { createDefaultConf(); }, +[] { createConf(); }}) {
-        EXPECT_EXIT(
-            {
-                initXitemList();
-                build();
-                std::_Exit(1);
-            },
-            testing::ExitedWithCode(0), "");
-        EXPECT_EQ(logged(), std::vector<std::string>{"2 error: could not parse file "});
+        const auto end = [&] {
+            initXitemList();
+            build();
+            std::_Exit(1);
+        };
+        EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+        EXPECT_EQ(logged(), Records{"2 error: could not parse file "});
     }
-}
-
-TEST_F(Store, TreeOverTheLimitIsReported) {
-    sql(paths::kLiveDb, kLiveTable);
-    writeFile(paths::kExtTree,
-              "<r><t type='trunk'>\n<m type='multiple_instance' number='2147483647'>"
-              "<x type='i'/></m></t></r>");
-    initXitemList();
-    createExtConf();
-    EXPECT_EQ(logged().front(), "2 tree over the expansion limit: 1 elements left out or not "
-                                "repeated, first t.m in line 2\n");
-    EXPECT_EQ(sql(paths::kLiveDb, kAllLive), (SqlRows{{"t.m.number", "2147483647", ""}}));
-    EXPECT_FALSE(storageFaultNoted());
 }
 
 TEST_F(Store, DumpShowsEveryField) {
     initXitemList();
-    dumpXitemlist();
-    EXPECT_TRUE(logged().empty());
     add("n", "v");
     dumpXitemlist();
     delXitemList();
-    EXPECT_EQ(logged(),
-              std::vector<std::string>{
-                  "0 0 name:n value:v type:type' range:range\" step:step options:options; "
-                  "mode:mode http_access:access \n"});
+    EXPECT_EQ(logged(), Records{"0 0 name:n value:v type:type' range:range\" step:step "
+                                "options:options; mode:mode http_access:access \n"});
 }
 
 } // namespace
