@@ -7,6 +7,7 @@
 #include "cli/secrets.h"
 #include "text/text.h"
 
+#include <future>
 #include <span>
 #include <string>
 
@@ -71,10 +72,12 @@ int runList(const Options& options) {
     if (int status = openBus(options, bus); status != kDone) {
         return status;
     }
+    // Read while the service works on its answer.
+    std::future<Secrets> secrets = std::async(std::launch::async, [&] { return Secrets{options}; });
     if (int status = fetchListing(bus, prefix, values); status != kDone) {
         return status;
     }
-    const std::vector<Row> rows = rowsOf(values, Secrets{options}, prefix);
+    const std::vector<Row> rows = rowsOf(values, secrets.get(), prefix);
     printRows(options, rows);
     return saidNoneBelow(prefix, rows.empty());
 }

@@ -2,6 +2,8 @@
 
 #include <array>
 #include <charconv>
+#include <cstdint>
+#include <cstring>
 
 namespace kelconf {
 
@@ -86,6 +88,24 @@ constexpr PlainBytes plainBytes(std::string_view marks, std::string_view control
 constexpr PlainBytes kInText = plainBytes("<>&", "\n\t");
 constexpr PlainBytes kInAttribute = plainBytes("<>&\"", "");
 
+constexpr std::size_t kBlock = sizeof(std::uint64_t);
+
+// Whether the bytes of a block stand for themselves in texts and attributes alike.
+bool plainBlock(const char* bytes) {
+    constexpr std::uint64_t kOnes = 0x0101010101010101;
+    constexpr std::uint64_t kHighs = 0x80 * kOnes;
+    std::uint64_t block = 0;
+    std::memcpy(&block, bytes, sizeof block);
+    const auto marked = [&](char mark) {
+        const std::uint64_t zero = block ^ (static_cast<unsigned char>(mark) * kOnes);
+        return (zero - kOnes) & ~zero;
+    };
+    // A byte that fails sets a high bit: by itself, by a borrow, or by being the mark.
+    return ((block | (block - 0x20 * kOnes) | marked('<') | marked('>') | marked('&') |
+             marked('"')) &
+            kHighs) == 0;
+}
+
 class Scanner {
   public:
     explicit Scanner(std::string_view bytes) : rest_(bytes) {}
@@ -129,6 +149,9 @@ class Scanner {
     // Some bytes that stand for themselves, or one reference.
     bool run(const PlainBytes& plain, std::string& texts) {
         std::size_t length = 0;
+        while (length + kBlock <= rest_.size() && plainBlock(rest_.data() + length)) {
+            length += kBlock;
+        }
         while (length < rest_.size() && plain[static_cast<unsigned char>(rest_[length])]) {
             ++length;
         }

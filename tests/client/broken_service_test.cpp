@@ -160,7 +160,9 @@ TEST(ReplyReaders, Agree) {
             "</GET_RESPONSE_FAIL_ACTION>\n",
         kHead +
             "<EVENT_ACTION><parameter name=\"a&#10;&quot;b\" prev_value=\"&lt;&#xE9;\">1 &#13;\n\t"
-            "&amp;&gt;&#x1F4F7;\"</parameter><parameter name=\"n\">x</parameter></EVENT_ACTION>\n"};
+            "&amp;&gt;&#x1F4F7;\"</parameter><parameter name=\"network.name\" prev_value=\"before "
+            "it\">after it was</parameter>"
+            "</EVENT_ACTION>\n"};
     const std::string bytes = "<>&;\"'#x/ =\n\r\t]!?aAp0:\x01\x7F\xC3";
     std::mt19937 random{1}; // the same documents in each run
     const auto below = [&](std::size_t end) { return random() % end; };
