@@ -232,12 +232,20 @@ class FaultTest : public testing::Test {
     // A sidecar that cannot be written is missed without a word, a right database is not.
     void checkRecords(const Flash& left) {
         bool built = false;
-        bool error = false; // besides those of a build and of a check that nothing disturbs
+        bool error = false; // besides those of a check, and of a build that nothing disturbs
+        bool incomplete = false;
         for (const SyslogRecord& record : log_.take().syslog) {
-            built |= record.text.find("Creating default database\n") != std::string::npos;
-            error |= record.priority == LOG_ERR &&
-                     record.text.find("UNIQUE constraint") == std::string::npos &&
-                     record.text.find("MD5 checksum error") == std::string::npos;
+            const auto says = [&](const char* text) {
+                return record.text.find(text) != std::string::npos;
+            };
+            const bool fault = record.priority == LOG_ERR && !says("UNIQUE constraint") &&
+                               !says("unfinished journal") && !says("MD5 checksum error");
+            built |= says("Creating default database\n");
+            error |= fault;
+            incomplete |= fault && !says("create hash failed");
+        }
+        if (incomplete && start_.count("default.db.md5") == 0) { // an old one may match by chance
+            EXPECT_FALSE(sealMatches(left)) << "sealed after an error";
         }
         EXPECT_TRUE(built || sealed(left)) << "judged sound";
         if (!sealMatches(left) && !error) {
