@@ -44,6 +44,7 @@ kelbus_error noSocket(std::string& message) {
 void close(Connection& connection) {
     connection.requests.reset();
     connection.events.reset();
+    connection.ready = false;
 }
 
 kelbus_error open(void* context, Connection& connection, const char* address,
@@ -69,12 +70,13 @@ kelbus_error open(void* context, Connection& connection, const char* address,
 }
 
 // Whether the service can still answer on this connection.
-bool alive(const Connection& connection, const char* address) {
+bool alive(Connection& connection, const char* address) {
     const ConnectionNews news = readNews(connection.events.get());
-    return !news.lost && (!news.refused || probeEndpoint(address) == Listener::kThere);
+    connection.ready = connection.ready || news.ready;
+    return !news.lost && (connection.ready || probeEndpoint(address) == Listener::kThere);
 }
 
-kelbus_error receive(const Connection& connection, const char* address, Message& reply,
+kelbus_error receive(Connection& connection, const char* address, Message& reply,
                      const Deadline& deadline, std::string& message) {
     void* socket = connection.requests.get();
     for (;;) {
@@ -140,13 +142,22 @@ Socket openEvents(void* context, void* socket) {
     static std::atomic<unsigned> opened{0};
     const std::string address = "inproc://kelbus-events-" + std::to_string(++opened);
     Socket events{zmq_socket(context, ZMQ_PAIR)};
-    constexpr int kHeard =
-        ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_CONNECT_RETRIED;
+    constexpr int kHeard = ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED;
     if (!events || zmq_socket_monitor(socket, address.c_str(), kHeard) != 0) {
         return {};
     }
     setSocketOption(events.get(), ZMQ_LINGER, 0);
-    return zmq_connect(events.get(), address.c_str()) == 0 ? std::move(events) : Socket{};
+    setSocketOption(events.get(), ZMQ_RCVHWM, 0); // two for each restart of the service, unread
+    if (zmq_connect(events.get(), address.c_str()) != 0) {
+        zmq_socket_monitor(socket, nullptr, 0);
+        return {};
+    }
+    return events;
+}
+
+void CloseHeard::operator()(void* socket) const noexcept {
+    zmq_socket_monitor(socket, nullptr, 0);
+    zmq_close(socket);
 }
 
 // An event is a 16-bit number and a 32-bit value; a second part names the endpoint.
@@ -160,7 +171,6 @@ ConnectionNews readNews(void* events) {
         }
         news.ready = news.ready || event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
         news.lost = news.lost || event == ZMQ_EVENT_DISCONNECTED;
-        news.refused = news.refused || event == ZMQ_EVENT_CONNECT_RETRIED;
     }
     return news;
 }

@@ -5,6 +5,7 @@
 #include "client/deadline.h"
 #include "kelbus.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -14,21 +15,29 @@ namespace kelconf {
 enum class Listener { kThere, kAbsent, kForbidden };
 Listener probeEndpoint(const char* address);
 
+// Closes a socket of which a pair hears. The thread that serves all sockets waits until somebody
+// hears what it has to say, so nothing may be said any more once the pair is closed.
+struct CloseHeard {
+    void operator()(void* socket) const noexcept;
+};
+using HeardSocket = std::unique_ptr<void, CloseHeard>;
+
 // A socket and the pair that hears of its connection's life. Both empty: not connected.
 struct Connection {
-    Socket requests;
     Socket events;
+    HeardSocket requests; // destroyed before the pair
+    bool ready = false;   // the handshake was through
 };
 
 // What the library heard of a connection since it asked last.
 struct ConnectionNews {
-    bool ready = false;   // the handshake is through
-    bool lost = false;    // the connection ended
-    bool refused = false; // an attempt to connect failed
+    bool ready = false; // the handshake is through
+    bool lost = false;  // the connection ended
 };
 ConnectionNews readNews(void* events);
 
-// A pair that hears of `socket`; to be opened before the socket connects. Empty on failure.
+// A pair that hears of `socket`; to be opened before the socket connects, and closed after it.
+// Empty on failure.
 Socket openEvents(void* context, void* socket);
 
 // Sends a request and waits for its reply. Opens the connection where needed and closes it on any

@@ -105,8 +105,8 @@ bool connect(kelbus_watch& watch) {
                            zmq_getsockopt(socket, ZMQ_FD, &watch.descriptor, &size) == 0;
     if (connected) {
         awaitConnection(news.get());
-        zmq_socket_monitor(socket, nullptr, 0);
     }
+    zmq_socket_monitor(socket, nullptr, 0); // before the pair closes: see CloseHeard
     return connected;
 }
 
