@@ -47,11 +47,12 @@ as_root() {
     fi
 }
 
-# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET.
+# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET; only $build_target where set.
 build() {
     local preset=$1
     shift
     step "build: $preset"
-    (cd "$project" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset") ||
+    (cd "$project" && cmake --preset "$preset" "$@" &&
+        cmake --build --preset "$preset" --target "${build_target:-all}") ||
         fail "the build of $preset failed; the reason stands above"
 }
