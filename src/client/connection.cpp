@@ -15,7 +15,8 @@ namespace kelconf {
 namespace {
 
 constexpr std::string_view kIpc = "ipc://";
-constexpr int kSlice = 50; // ms of waiting between two looks at the connection
+constexpr int kSlice = 50;     // ms of waiting between two looks at the connection
+constexpr int kSlowest = 1000; // ms between two attempts to connect
 
 sockaddr_un unixAddress(const char* address) {
     sockaddr_un name{};
@@ -62,6 +63,9 @@ kelbus_error open(void* context, Connection& connection, const char* address,
         return noSocket(message);
     }
     setSocketOption(connection.requests.get(), ZMQ_LINGER, 0);
+    // A connection that was lost is opened anew by the next request; until then it need not try
+    // hard.
+    setSocketOption(connection.requests.get(), ZMQ_RECONNECT_IVL_MAX, kSlowest);
     connection.events = openEvents(context, connection.requests.get());
     if (!connection.events || zmq_connect(connection.requests.get(), address) != 0) {
         return noSocket(message);
