@@ -139,7 +139,8 @@ int runImport(const Options& options) {
     }
     const int status = applyChanges(bus, changes, kindOf(options), "import");
     if (status == kDone && onTerminal(STDOUT_FILENO)) {
-        out(std::to_string(changes.size()) + " values set\n");
+        out(std::to_string(changes.size()) +
+            (changes.size() == 1 ? " value set\n" : " values set\n"));
     }
     return status;
 }
