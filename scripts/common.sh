@@ -3,9 +3,6 @@
 
 unset CDPATH
 project=$(cd "${BASH_SOURCE[0]%/*}/.." && pwd -P)
-# Most tests wait more than they compute.
-# shellcheck disable=SC2034 # used by those who source this
-test_jobs=$((2 * $(nproc)))
 
 # step TEXT: announces a step of the work.
 step() {
