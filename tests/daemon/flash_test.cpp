@@ -107,6 +107,7 @@ TEST(FullFlashLater, GetsWhatItCouldNotTakeWhenThereIsRoomAgain) {
     takeAllRoom();
     DeviceLog log;
     EXPECT_TRUE(set("SET_ACTION", {{"private.word", "it's"}, {"private.later", "too"}}));
+    loggedUntil(log, "disk is full"); // the pass has begun
     EXPECT_EQ(valueOf("private.word"), "it's") << "after the attempts, from memory";
     fs::remove(kBallast);
     loggedUntil(log, "changes that had failed are stored");
