@@ -19,11 +19,27 @@ inline constexpr const char* kDefaultDbJournal = "/mnt/nand/conf/default.db-jour
 // Live values and their mirror.
 inline constexpr const char* kLiveDb = "/mnt/nand/conf/conf.db";
 inline constexpr const char* kLiveDbMd5 = "/mnt/nand/conf/conf.db.md5";
-// The change counter of the live database when it was last sealed (files/live_seal.h).
+// The change counter of the live database when it was last sealed (live/seal.h).
 inline constexpr const char* kLiveDbSeal = "/mnt/nand/conf/conf.db.seal";
 inline constexpr const char* kLiveDbJournal = "/mnt/nand/conf/conf.db-journal";
+inline constexpr const char* kLiveDbWal = "/mnt/nand/conf/conf.db-wal";
+inline constexpr const char* kLiveDbShm = "/mnt/nand/conf/conf.db-shm";
+// A replacement in the making, its own sidecar, and what SQLite may leave beside it.
+inline constexpr const char* kLiveNew = "/mnt/nand/conf/conf.db.new";
+inline constexpr const char* kLiveNewMd5 = "/mnt/nand/conf/conf.db.new.md5";
+inline constexpr const char* kLiveNewJournal = "/mnt/nand/conf/conf.db.new-journal";
+// The first damaged live database, kept for a look.
+inline constexpr const char* kLiveEvidence = "/mnt/nand/conf/conf.db.damaged";
+// Copy of a live database that cannot be read in its place, in memory and gone after the load.
+inline constexpr const char* kLiveCopy = "/tmp/kelbus/conf.db";
+inline constexpr const char* kLiveCopyJournal = "/tmp/kelbus/conf.db-journal";
 inline constexpr const char* kBackupDb = "/mnt/backup/conf/conf_backup.db";
 inline constexpr const char* kBackupDbMd5 = "/mnt/backup/conf/conf_backup.db.md5";
+inline constexpr const char* kBackupDbJournal = "/mnt/backup/conf/conf_backup.db-journal";
+
+// The directories that hold them.
+inline constexpr const char* kConfDirectory = "/mnt/nand/conf";
+inline constexpr const char* kBackupDirectory = "/mnt/backup/conf";
 
 // A value that contains this text names a file in that directory.
 inline constexpr const char* kFileStorage = "/mnt/nand/conf/fileStorage/";

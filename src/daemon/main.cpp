@@ -4,11 +4,11 @@
 // publisher or a broker); 1 when it must not or cannot run.
 
 #include "bus/endpoints.h"
-#include "daemon/live_store.h"
 #include "daemon/notify.h"
 #include "daemon/runtime_dir.h"
 #include "daemon/service.h"
 #include "daemon/stop_signal.h"
+#include "live/live.h"
 #include "log/keldebug.h"
 
 #include <sqlite3.h>
@@ -79,7 +79,7 @@ int run() {
         return EXIT_FAILURE;
     }
     LiveSource source = readyLiveStore(waitOneSecond);
-    if (source.origin == LiveOrigin::kStopped) {
+    if (source.origin == LiveOrigin::kNone) {
         return EXIT_SUCCESS;
     }
     if (!startService(std::move(source))) {

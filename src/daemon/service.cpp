@@ -3,18 +3,11 @@
 #include "bus/bus_context.h"
 #include "bus/event_publisher.h"
 #include "bus/request_loops.h"
-#include "bus/service_locks.h"
-#include "daemon/live_files.h"
-#include "daemon/live_renewal.h"
-#include "daemon/live_values.h"
-#include "db/live_db.h"
 #include "db/update_retries.h"
-#include "files/backup.h"
+#include "live/live.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"
-#include "service/password_state.h"
 #include "service/request_lists.h"
-#include "service/unstored.h"
 #include "service/write_back.h"
 
 #include <pthread.h>
@@ -48,25 +41,6 @@ void relaySets() {
     initSetSyncSock();
 }
 
-// A copy of a database that cannot be read would take the place of a good one.
-bool liveDatabaseReadable() {
-    const BackupSection lock;
-    return querySQLTable("") == 1;
-}
-
-void runUpkeepOnce() {
-    renewLiveFile();
-    if (liveFile() == LiveFile::kLost) {
-        return;
-    }
-    resettlePasswords();
-    storeFailedChanges();
-    if (backup_pending != 0 && liveDatabaseReadable()) {
-        createBackupDBTask();
-        protectStoredFiles();
-    }
-}
-
 // Whether the upkeep is to end.
 struct UpkeepEnd {
     std::mutex mutex;
@@ -80,7 +54,7 @@ void runUpkeep() {
     std::unique_lock lock{upkeep_end.mutex};
     while (!upkeep_end.changed.wait_for(lock, period, [] { return upkeep_end.wanted; })) {
         lock.unlock();
-        runUpkeepOnce();
+        tendLiveStore();
         lock.lock();
     }
 }
@@ -132,15 +106,6 @@ void join(ServiceThread& thread) {
     }
 }
 
-// The last word on what is lost with the process.
-void reportUnstored() {
-    const CriticalSection lock;
-    if (anyUnstored()) {
-        keldebug(kLogError, kToBoth, "%d changes could not be stored\n",
-                 static_cast<int>(unstoredChanges().size()));
-    }
-}
-
 bool openBus() {
     initGetAnswerList();
     initSetAnswerList();
@@ -188,6 +153,7 @@ class RetryDeadline {
 } // namespace
 
 bool startService(LiveSource source) {
+    connectLiveStore();
     loadLiveValues(std::move(source));
     if (!openBus()) {
         return false;
@@ -211,7 +177,7 @@ void stopService() {
         join(threads[kUpkeep]);
     }
     endUpdateRetries();
-    runUpkeepOnce();
+    tendLiveStore();
     reportUnstored();
     closeEventSocket(kEventLinger);
     shutdownBusContext();

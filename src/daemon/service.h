@@ -5,7 +5,7 @@
 // (bus/service_locks.h gives the order).
 #pragma once
 
-#include "daemon/live_store.h"
+#include "live/recovery.h"
 
 namespace kelconf {
 
@@ -15,8 +15,7 @@ namespace kelconf {
 // end. A failed bind of the publisher or a broker ends it with status 0.
 bool startService(LiveSource source);
 
-// The upkeep runs this often: it makes a live file anew that is lost (daemon/live_renewal.h),
-// stores what could not be stored before and takes a pending backup.
+// The upkeep of the live store (tendLiveStore of live/live.h) runs this often.
 inline constexpr int kUpkeepPeriod = 5; // seconds
 
 // Ends the service in order: no further request is taken, the queue is stored and announced, a

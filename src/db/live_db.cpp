@@ -4,8 +4,6 @@
 #include "db/update_retries.h"
 #include "log/keldebug.h"
 #include "paths.h"
-#include "service/param_list.h"
-#include "text/text.h"
 
 #include <cstring>
 #include <string>
@@ -36,37 +34,6 @@ bool endTransaction(sqlite3* database, bool begun) {
     return !begun || execute(database, "END TRANSACTION");
 }
 
-void appendRow(sqlite3_stmt* row) {
-    const int columns = sqlite3_column_count(row);
-    if (columns < 2 || sqlite3_column_type(row, 0) == SQLITE_NULL) {
-        return;
-    }
-    ParamElement element;
-    initParamElement(&element);
-    element.name = newText(textOf(row, 0));
-    element.value = newText(textOf(row, 1));
-    if (columns > 2 && textOf(row, 2) == "realtime") {
-        element.persistent = 0;
-    }
-    if (element.name == nullptr || element.value == nullptr || addParamElement(&element) != 1) {
-        freeText(element.name);
-        freeText(element.value);
-    }
-}
-
-// False when the scan did not complete.
-bool forEachRow(sqlite3* database, void (*visit)(sqlite3_stmt*)) {
-    const Statement select = prepare(database, kSelectAll);
-    if (!select) {
-        return false;
-    }
-    int status = SQLITE_ROW;
-    while ((status = sqlite3_step(select.get())) == SQLITE_ROW) {
-        visit(select.get());
-    }
-    return status == SQLITE_DONE;
-}
-
 } // namespace
 
 void createSQLTable() {
@@ -92,7 +59,9 @@ std::int32_t insertSQLEntry(const char* name, const char* value, const char* typ
         keldebug(kLogError, kToBoth, "begin trans error:%s\n", sqlite3_errmsg(handle));
     }
     const Statement insert = prepare(handle, kInsertLiveRow);
-    insertRow(handle, insert.get(), name, value, type);
+    if (!insertRow(insert.get(), name, value, type)) {
+        logStatementError(handle);
+    }
     if (!execute(handle, "END TRANSACTION")) {
         keldebug(kLogError, kToBoth, "end trans error:%s\n", sqlite3_errmsg(handle));
     }
@@ -162,23 +131,6 @@ std::int32_t querySQLTable(const char* name) {
         status = sqlite3_step(probe.get());
     }
     return status == SQLITE_DONE ? 1 : 0;
-}
-
-void loadSQLDB() {
-    loadDatabaseFile(paths::kLiveDb);
-}
-
-void loadDatabaseFile(const char* path) {
-    {
-        const OpenedDatabase database = openLogged(path);
-        if (!database.opened) {
-            return;
-        }
-        if (!forEachRow(database.handle.get(), appendRow)) {
-            keldebug(kLogInfo, kToBoth, "SQL error: %s\n", database.message());
-        }
-    }
-    sortParamList();
 }
 
 std::int32_t checkDataBaseIntegrity(const char* path) {

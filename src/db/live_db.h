@@ -1,5 +1,5 @@
 // The live database: the current value of every stored parameter, in table CONFIG of
-// /mnt/nand/conf/conf.db (docs/file-formats.md).
+// /mnt/nand/conf/conf.db (docs/file-formats.md). Loading it is in live/load.h.
 //
 // Each operation opens a connection of its own, with writes inside one transaction at
 // synchronous = NORMAL, and closes it before it returns; no busy timeout is set. Results: 1 done,
@@ -36,11 +36,6 @@ std::int32_t syncSQLDB();
 
 // 1 when CONFIG can be read, whether or not it holds the name.
 std::int32_t querySQLTable(const char* name);
-
-// Appends every row to ParamList (initialised before) and sorts it.
-void loadSQLDB();
-// The same from the database at `path`: a copy, while the live one cannot be read.
-void loadDatabaseFile(const char* path);
 
 // 1 when the database at `path` opens and a full scan of CONFIG completes.
 std::int32_t checkDataBaseIntegrity(const char* path);

@@ -35,18 +35,14 @@ bool updateRow(sqlite3* database, sqlite3_stmt* update, const char* name, const 
     return false;
 }
 
-bool insertRow(sqlite3* database, sqlite3_stmt* insert, const char* name, const char* value,
-               const char* type) {
-    if (insert != nullptr) {
-        bindText(insert, 1, name);
-        bindText(insert, 2, value);
-        bindText(insert, 3, type);
-        if (runOnce(insert)) {
-            return true;
-        }
+bool insertRow(sqlite3_stmt* insert, const char* name, const char* value, const char* type) {
+    if (insert == nullptr) {
+        return false;
     }
-    logStatementError(database);
-    return false;
+    bindText(insert, 1, name);
+    bindText(insert, 2, value);
+    bindText(insert, 3, type);
+    return runOnce(insert);
 }
 
 std::string_view textOf(sqlite3_stmt* row, int column) {

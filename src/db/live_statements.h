@@ -1,5 +1,6 @@
 // What the operations on table CONFIG have in common: its statements, and the calls that log their
-// failures in the words of these operations. For db/live_db.cpp and db/live_rows.cpp.
+// failures in the words of these operations. For
+// db/live_db.cpp, live/rows.cpp and the builders.
 #pragma once
 
 #include "db/sqlite_handle.h"
@@ -21,10 +22,10 @@ void logStatementError(sqlite3* database);
 // Sets the connection to kLiveSynchronous.
 void setSynchronous(sqlite3* database);
 
-// Bind and run a statement that was prepared from the texts above, null when it could not be.
+// Bind and run a statement that was prepared from the texts above, null when it could not be. The
+// insertion leaves its failure to be logged by the caller.
 bool updateRow(sqlite3* database, sqlite3_stmt* update, const char* name, const char* value);
-bool insertRow(sqlite3* database, sqlite3_stmt* insert, const char* name, const char* value,
-               const char* type);
+bool insertRow(sqlite3_stmt* insert, const char* name, const char* value, const char* type);
 
 // A column's text; empty for NULL.
 std::string_view textOf(sqlite3_stmt* row, int column);

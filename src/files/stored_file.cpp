@@ -15,7 +15,8 @@ namespace kelconf {
 
 namespace {
 
-constexpr int kDirectory = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kBase = O_PATH | O_DIRECTORY | O_CLOEXEC; // may be a link, as a device is laid out
+constexpr int kDirectory = kBase | O_NOFOLLOW;          // inside it nobody's link is followed
 
 // Takes the first segment off a path; empty ones are passed over.
 std::string nextSegment(std::string_view& path) {
@@ -39,9 +40,7 @@ void deleteStoredFile(const char* value) {
         return;
     }
     path.remove_prefix(storage.size());
-    // Without the slash at the end, which would follow a link.
-    const std::string base{storage.substr(0, storage.size() - 1)};
-    Fd directory{open(base.c_str(), kDirectory)};
+    Fd directory{open(paths::kFileStorage, kBase)};
     std::string segment = nextSegment(path);
     while (directory && !path.empty() && segment != "..") {
         directory = Fd{openat(directory.get(), segment.c_str(), kDirectory)};

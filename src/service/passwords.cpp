@@ -1,14 +1,11 @@
 #include "service/passwords.h"
 
-#include "bus/service_locks.h"
-#include "db/live_rows.h"
 #include "files/backup.h"
-#include "files/live_seal.h"
 #include "files/md5_sidecar.h"
 #include "log/keldebug.h"
 #include "paths.h"
 #include "service/param_list.h"
-#include "service/password_state.h"
+#include "service/storage.h"
 #include "text/text.h"
 
 #include <qlibc/qlibc.h>
@@ -22,8 +19,6 @@ namespace kelconf {
 std::uint8_t support_campass = 1;
 
 namespace {
-
-constexpr int kConversionAttempts = 10;
 
 // The length counts anew after every byte: one that becomes 0 ends the text there.
 void shiftBytes(char* text, std::int32_t offset) {
@@ -42,18 +37,6 @@ void unscramble(ParamElement& element) {
         simple_decrypt(copy.get(), kScramblingKey);
         replaceText(element.value, copy.get());
     }
-}
-
-std::vector<LiveRow> scrambledRows() {
-    std::vector<LiveRow> rows;
-    for (std::int32_t i = 0; i < CheckParamListLength(); ++i) {
-        const ParamElement* element = paramElementAt(static_cast<std::uint32_t>(i));
-        if (element != nullptr && isPasswordName(element->name)) {
-            const CriticalSection lock;
-            rows.push_back({element->name, scrambledForm(element->value)});
-        }
-    }
-    return rows;
 }
 
 } // namespace
@@ -93,16 +76,15 @@ std::int32_t encryptAllPasswordInDB() {
         return 1;
     }
     keldebug(kLogInfo, kToBoth, "encrypt password\n");
-    std::vector<LiveRow> rows = scrambledRows();
     replaceText(flag->value, "1");
-    rows.push_back({kPasswordSwitch, "1"});
-    storeTogether(rows, scrambledMark, kConversionAttempts);
-    sealLiveDatabase();
+    const bool sound = storage().convertPasswords();
     sync();
-    creatBackupDB();
-    sync();
-    createFileMD5(paths::kBackupDb, paths::kBackupDbMd5);
-    sync();
+    if (sound) { // a torn file is no backup
+        creatBackupDB();
+        sync();
+        createFileMD5(paths::kBackupDb, paths::kBackupDbMd5);
+        sync();
+    }
     return 0;
 }
 

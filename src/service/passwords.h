@@ -8,7 +8,7 @@
 //
 // The parameter private.encrypt_campass says how passwords are stored: "1" scrambled, "0" plain.
 // It exists only where a parameter tree defines it. The truth, however, is kept with the rows: see
-// service/password_state.h.
+// live/password_state.h.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 namespace kelconf {
 
 // Nonzero: a write-back pass stores passwords scrambled. Set at start, and
-// under the parameter lock afterwards (service/password_state.h).
+// under the parameter lock afterwards (live/password_state.h).
 extern std::uint8_t support_campass;
 
 inline constexpr std::int32_t kScramblingKey = 0x6B3D; // its low eight bits count
@@ -35,7 +35,7 @@ std::string scrambledForm(const char* plain);
 // Converts every stored password to the scrambled form, once: writes them and the switch in one
 // transaction, then the sidecar and the backup with its sidecar. The live values must be plain.
 // 1 when the switch is "1" already; otherwise 0, also without a switch. Takes the parameter lock
-// around each value; needs the database for itself, as the start has it (holding backup_mutex).
+// while it reads them; needs the database for itself, as the start has it.
 std::int32_t encryptAllPasswordInDB();
 
 // After loading: turns the live values of passwords plain when checkPasswordEncryption says that

@@ -105,6 +105,7 @@ void initSetAnswerList() {
 
 void initQryGroupListList() {
     initList<GroupElement>(QryGroupList);
+    group_keys.clear();
 }
 
 std::int32_t CheckGetAnswerListLength() {

@@ -6,6 +6,7 @@
 #include "service/item_queue.h"
 #include "service/param_list.h"
 #include "service/request_lists.h"
+#include "service/storage.h"
 #include "service/write_back.h"
 #include "text/text.h"
 
@@ -60,6 +61,9 @@ bool applyChange(ParamElement& param, const char* value, Storing storing) {
         const CriticalSection lock;
         if (ordinary && storing == Storing::kQueued) {
             queueChange(param, value);
+            storage().endMemoryOnly(param.name);
+        } else if (ordinary) {
+            storage().keepInMemory(param.name, param.value);
         }
         prev_value = exchangeValue(param, value);
     }

@@ -1,10 +1,10 @@
 // Stores queued changes in the live database, seals it and announces what changed.
 //
 // A pass runs with the parameter lock held by its caller, and holds backup_mutex from beginning to
-// end. It takes every record out of the queue; none is ever put back. A row that cannot be
-// written after all attempts is announced like the others, since the live value has changed, and
-// noted (service/unstored.h). After it, the rows of the same pass get one attempt each as long as
-// they fail too. A live file that is lost is neither written nor sealed.
+// end. It takes every record out of the queue; none is ever put back. The store (service/storage.h)
+// gets them in one transaction, of a long queue 1,000 at a time, so that a request of several names
+// is stored wholly or not at all when power fails. A row that cannot be written after all attempts
+// is announced like the others, since the live value has changed.
 #pragma once
 
 #include <cstdint>
@@ -23,10 +23,6 @@ void saveFileDirect();
 // pass goes out at once, on its own. The sidecar is rewritten and a backup is due after every
 // pass, also one that stored nothing.
 void writeParamToFile();
-
-// Tries once more to store what the passes could not; takes the parameter lock and backup_mutex.
-// Seals the database when all of it is stored. Does nothing, at no cost, when there is none.
-void storeFailedChanges();
 
 // 1 when a change of that parameter may show its value in the log: no "passwd" in the name.
 std::int32_t checkParamLoggable(const char* name);

@@ -1,6 +1,7 @@
 #include "tree/conf_builders.h"
 
 #include "db/default_db.h"
+#include "db/live_statements.h"
 #include "db/sqlite_handle.h"
 #include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
@@ -21,7 +22,6 @@ namespace kelconf {
 namespace {
 
 constexpr std::string_view kLeftOutPrefix = "ipcam.";
-constexpr std::string_view kInsert = "INSERT INTO CONFIG (NAME,VALUE,TYPE) VALUES (?,?,?); ";
 
 void reportWalk(const TreeWalkResult& walk) {
     if (walk.refused > 0) {
@@ -61,15 +61,9 @@ bool belongsToLiveTable(const xitem& item) {
 
 bool insertItem(sqlite3* database, Statement& insert, const xitem& item) {
     if (!insert) {
-        insert = prepare(database, kInsert);
-        if (!insert) {
-            return false;
-        }
+        insert = prepare(database, kInsertLiveRow);
     }
-    bindText(insert.get(), 1, item.name);
-    bindText(insert.get(), 2, item.value);
-    bindText(insert.get(), 3, item.type);
-    return runOnce(insert.get());
+    return insertRow(insert.get(), item.name, item.value, item.type);
 }
 
 void insertItems(sqlite3* database, std::int32_t count) {
@@ -122,7 +116,7 @@ void addXItemInDatabase() {
         noteStorageFault();
         return;
     }
-    if (!execute(handle, "PRAGMA synchronous = NORMAL")) {
+    if (!execute(handle, kLiveSynchronous)) {
         keldebug(kLogInfo, kToBoth, "PRAGMA OFF error\n");
         noteStorageFault();
     }
@@ -138,7 +132,7 @@ void addXItemInDatabase() {
     keldebug(kLogInfo, kToBoth, "insert finishes\n");
 }
 
-void visitLiveItems(const std::function<void(const xitem&)>& visit) {
+bool visitLiveItems(const std::function<void(const xitem&)>& visit) {
     const auto visit_all = [&] {
         for (std::uint32_t i = 0; const xitem* item = xitemAt(i); ++i) {
             if (belongsToLiveTable(*item)) {
@@ -147,7 +141,8 @@ void visitLiveItems(const std::function<void(const xitem&)>& visit) {
         }
     };
     initXitemList();
-    if (!buildFrom(paths::kNeutralTree, visit_all)) {
+    const bool parsed = buildFrom(paths::kNeutralTree, visit_all);
+    if (!parsed) {
         delXitemList();
     }
     if (extTreeFileExist()) {
@@ -157,6 +152,7 @@ void visitLiveItems(const std::function<void(const xitem&)>& visit) {
         }
     }
     malloc_trim(0);
+    return parsed;
 }
 
 } // namespace kelconf

@@ -30,7 +30,7 @@ void addXItemInDatabase();
 
 // Hands out the items that CONFIG is to hold, those of the neutral tree first; a name may come
 // twice. Initialises xitem_list itself and writes nothing. A tree that cannot be parsed is logged
-// and passed over.
-void visitLiveItems(const std::function<void(const xitem&)>& visit);
+// and passed over; false when it is the neutral one.
+bool visitLiveItems(const std::function<void(const xitem&)>& visit);
 
 } // namespace kelconf

@@ -80,7 +80,9 @@ TEST_P(FullFlash, ServesFromMemoryAndStoresWhenThereIsRoom) {
     fs::remove(kBallast);
     loggedUntil(log, "live database made anew from memory");
     EXPECT_EQ(sql(paths::kLiveDb, kRows),
-              (SqlRows{{"private.later", "too", "enum"}, {"private.word", "changed", "string"}}));
+              (SqlRows{{"private.later", GetParam().later, "enum"},
+                       {"private.word", GetParam().word, "string"}}))
+        << "not what was never to be stored";
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(contentOf(paths::kBackupDb), contentOf(paths::kLiveDb));
 }

@@ -338,7 +338,7 @@ INSTANTIATE_TEST_SUITE_P(
         Damage{"emptied", [] { cutTo(1 << 30); }, "damaged", "backed-up", false},
         Damage{"deleted", [] { fs::remove(kLive); }, "missing", "backed-up", false},
         Damage{"deleted with its backup", removeBoth, "made new", "default", false},
-        Damage{"damaged with its backup", damageBoth, "made new", "default", true},
+        Damage{"damaged with its backup", damageBoth, "used as it reads", "oewer", true},
         Damage{"no sidecar", [] { fs::remove(kLive + ".md5"); }, "damaged", "backed-up", true},
         Damage{"not sealed",
                [] { sql(kLive, "UPDATE CONFIG SET VALUE='unsealed' WHERE NAME='private.word'"); },

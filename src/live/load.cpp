@@ -1,13 +1,14 @@
-#include "daemon/live_values.h"
+#include "live/load.h"
 
-#include "daemon/live_files.h"
-#include "db/live_db.h"
+#include "db/live_statements.h"
 #include "files/backup.h"
 #include "files/storage_fault.h"
+#include "live/owed.h"
+#include "live/password_state.h"
+#include "live/rows.h"
 #include "log/keldebug.h"
+#include "paths.h"
 #include "service/param_list.h"
-#include "service/password_state.h"
-#include "service/unstored.h"
 #include "text/text.h"
 #include "tree/conf_builders.h"
 
@@ -33,18 +34,48 @@ std::map<std::string, Default> missingDefaults() {
     return missing;
 }
 
-void appendDefault(const std::string& name, const Default& parameter) {
+void appendParameter(std::string_view name, std::string_view value, bool realtime) {
     ParamElement element;
     initParamElement(&element);
     OwnedText name_text{newText(name)};
-    OwnedText value_text{newText(parameter.value)};
+    OwnedText value_text{newText(value)};
     element.name = name_text.get();
     element.value = value_text.get();
-    element.persistent = parameter.realtime ? 0 : 1;
+    element.persistent = realtime ? 0 : 1;
     if (name_text && value_text && addParamElement(&element) == 1) {
         static_cast<void>(name_text.release());
         static_cast<void>(value_text.release());
     }
+}
+
+void appendRow(sqlite3_stmt* row) {
+    const int columns = sqlite3_column_count(row);
+    if (columns >= 2 && sqlite3_column_type(row, 0) != SQLITE_NULL) {
+        appendParameter(textOf(row, 0), textOf(row, 1),
+                        columns > 2 && textOf(row, 2) == "realtime");
+    }
+}
+
+bool loadRows(sqlite3* database) {
+    const Statement select = prepare(database, "SELECT * from CONFIG");
+    int status = SQLITE_ERROR;
+    while (select && (status = sqlite3_step(select.get())) == SQLITE_ROW) {
+        appendRow(select.get());
+    }
+    return status == SQLITE_DONE;
+}
+
+void loadDatabaseFile(const char* path) {
+    {
+        const OpenedDatabase database = openLogged(path);
+        if (!database.opened) {
+            return;
+        }
+        if (!loadRows(database.handle.get())) {
+            keldebug(kLogInfo, kToBoth, "SQL error: %s\n", database.message());
+        }
+    }
+    sortParamList();
 }
 
 // Parameters that stand in no file yet.
@@ -54,7 +85,7 @@ void takeMissingDefaults() {
         return;
     }
     for (const auto& [name, parameter] : missing) {
-        appendDefault(name, parameter);
+        appendParameter(name, parameter.value, parameter.realtime);
     }
     sortParamList();
     if (liveFile() == LiveFile::kWhole) {
@@ -76,11 +107,9 @@ void loadFrom(LiveSource& source) {
     if (source.origin == LiveOrigin::kLiveFile && !storageFaultNoted()) {
         settlePasswords(stored);
     } else {
-        adoptPasswords(stored, source.origin != LiveOrigin::kLocked);
+        adoptPasswords(stored, source.origin != LiveOrigin::kLiveCopy);
     }
-    if (source.temporary) {
-        dropReplacement();
-    }
+    dropLiveCopy();
 }
 
 } // namespace
@@ -90,13 +119,17 @@ void loadLiveValues(LiveSource source) {
     if (source.origin != LiveOrigin::kTrees) {
         loadFrom(source);
     }
-    if (storageFaultNoted() || liveFile() == LiveFile::kLost) {
+    if (storageFaultNoted() || source.origin != LiveOrigin::kLiveFile) {
         takeMissingDefaults();
     }
     if (source.origin == LiveOrigin::kTrees) {
         adoptPlainPasswords();
     }
     keldebug(kLogInfo, kToBoth, "%d live parameters loaded\n", CheckParamListLength());
+}
+
+void loadSQLDB() {
+    loadDatabaseFile(paths::kLiveDb);
 }
 
 } // namespace kelconf

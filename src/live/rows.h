@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelconf {
@@ -21,6 +22,7 @@ Database holdForReading(const char* path);
 struct LiveRow {
     std::string name;
     std::string value; // as it is, no quote doubled
+    std::string type;  // for a new row only
 };
 
 // The application's number in the header of the file at `path` (PRAGMA user_version); it travels
@@ -30,29 +32,23 @@ std::int64_t readUserVersion(const char* path);
 // The value of a row, or of none. Null also when it cannot be read.
 std::optional<std::string> readLiveValue(const char* name);
 
-// The name and the type of each row of the database at `path`, as far as it can be read.
-void visitTypes(const char* path,
-                const std::function<void(std::string_view name, std::string_view type)>& visit);
+// Name, value and type of each row of the database at `path`, in the order of insertion, but for
+// the first `offset`. False when the scan did not complete.
+using RowVisit =
+    std::function<void(std::string_view name, std::string_view value, std::string_view type)>;
+bool visitRows(const char* path, const RowVisit& visit, std::int64_t offset = 0);
 
-// The names of all rows but the first `offset` of the database at `path`, in the order of
-// insertion.
-std::vector<std::string> namesFrom(const char* path, std::int64_t offset);
+// The number for the header by the table's row count.
+using VersionOf = std::int32_t (*)(std::int64_t rows);
 
-// Stores all rows, and the header's number that `version_of` gives for the table's row count, in
-// one transaction: all of it or nothing. Up to `attempts` tries, with a second's pause after each
-// failed one.
-bool storeTogether(const std::vector<LiveRow>& rows, std::int32_t (*version_of)(std::int64_t),
-                   int attempts);
-
-struct NewRow {
-    std::string name;
-    std::string value;
-    std::string type;
-};
+// Stores all rows, and the header's number where one is given, in one transaction: all of it or
+// nothing, in one attempt. The caller seals the file.
+bool storeTogether(const std::vector<LiveRow>& rows, VersionOf version_of);
+// Up to `attempts` tries, with a second's pause between them.
+bool storeTogether(const std::vector<LiveRow>& rows, VersionOf version_of, int attempts);
 
 // Makes a database with its table, these rows and the header's number at `path`, where there is no
 // file yet. False when the storage refuses; what was begun is left.
-bool makeDatabase(const char* path, const std::vector<NewRow>& rows,
-                  std::int32_t (*version_of)(std::int64_t));
+bool makeDatabase(const char* path, const std::vector<LiveRow>& rows, VersionOf version_of);
 
 } // namespace kelconf

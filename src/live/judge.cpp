@@ -1,9 +1,9 @@
-#include "daemon/live_check.h"
+#include "live/judge.h"
 
-#include "daemon/live_files.h"
 #include "db/sqlite_handle.h"
-#include "files/live_seal.h"
 #include "files/md5_sidecar.h"
+#include "live/files.h"
+#include "live/seal.h"
 #include "log/keldebug.h"
 #include "paths.h"
 
@@ -14,14 +14,40 @@ namespace kelconf {
 namespace {
 
 Reading failedReading(sqlite3* database) {
-    const int code = sqlite3_errcode(database);
-    const bool passing = code == SQLITE_BUSY || code == SQLITE_LOCKED || code == SQLITE_NOMEM;
-    return passing ? Reading::kUnreadable : Reading::kFaulty;
+    switch (sqlite3_errcode(database)) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_NOMEM:
+        return Reading::kUnreadable;
+    default:
+        return Reading::kFaulty;
+    }
+}
+
+// True when the journal needs no further thought: there is none, or it was a left-over and is gone.
+// False: it has to be rolled back.
+bool leftoverRemoved() {
+    if (!sealedAsItStands()) {
+        return false;
+    }
+    removeFile(paths::kLiveDbJournal);
+    return true;
+}
+
+LiveVerdict verdictOfSeal() {
+    switch (judgeLiveSeal()) {
+    case LiveSeal::kMatches:
+        return LiveVerdict::kSound;
+    case LiveSeal::kWrittenSince:
+        return LiveVerdict::kRecovered;
+    case LiveSeal::kBroken:
+        break;
+    }
+    return LiveVerdict::kUnproven;
 }
 
 } // namespace
 
-// The first read of a connection rolls a journal back that a killed writer has left.
 Reading readInFull(const char* path) {
     sqlite3* opened = nullptr;
     const int status = sqlite3_open_v2(path, &opened, SQLITE_OPEN_READWRITE, nullptr);
@@ -45,7 +71,18 @@ LiveVerdict judgeLiveDatabase() {
     if (!filePresent(paths::kLiveDb)) {
         return LiveVerdict::kMissing;
     }
-    switch (readInFull(paths::kLiveDb)) {
+    if (filePresent(paths::kLiveDbJournal)) {
+        const LiveLock alone; // given up before SQLite opens the file
+        if (!alone) {
+            return LiveVerdict::kUnreadable;
+        }
+        leftoverRemoved();
+    }
+    const Reading reading = readInFull(paths::kLiveDb);
+    if (filePresent(paths::kLiveDbJournal) && reading != Reading::kComplete) {
+        return LiveLock{} ? LiveVerdict::kStuck : LiveVerdict::kUnreadable;
+    }
+    switch (reading) {
     case Reading::kUnreadable:
         return LiveVerdict::kUnreadable;
     case Reading::kFaulty:
@@ -53,15 +90,7 @@ LiveVerdict judgeLiveDatabase() {
     case Reading::kComplete:
         break;
     }
-    switch (judgeLiveSeal()) {
-    case LiveSeal::kMatches:
-        return LiveVerdict::kSound;
-    case LiveSeal::kWrittenSince:
-        return LiveVerdict::kRecovered;
-    case LiveSeal::kBroken:
-        break;
-    }
-    return LiveVerdict::kDamaged;
+    return verdictOfSeal();
 }
 
 void logVerdict(LiveVerdict verdict) {
@@ -72,11 +101,15 @@ void logVerdict(LiveVerdict verdict) {
     case LiveVerdict::kRecovered:
         keldebug(kLogWarning, kToBoth, "live database recovered from an interrupted write\n");
         break;
+    case LiveVerdict::kUnproven:
     case LiveVerdict::kDamaged:
         keldebug(kLogError, kToBoth, "live database damaged\n");
         break;
     case LiveVerdict::kMissing:
         keldebug(kLogWarning, kToBoth, "live database missing\n");
+        break;
+    case LiveVerdict::kStuck:
+        keldebug(kLogError, kToBoth, "live database has an unfinished write, storage takes none\n");
         break;
     case LiveVerdict::kUnreadable:
         keldebug(kLogWarning, kToBoth, "live database cannot be read now, waiting\n");

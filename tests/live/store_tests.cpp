@@ -3,11 +3,12 @@
 #include "db/live_db.h"
 #include "db/update_retries.h"
 #include "files/backup.h"
-#include "files/live_seal.h"
 #include "files/md5_sidecar.h"
-#include "live_values.h"
+#include "live/live.h"
+#include "live/password_state.h"
+#include "live/seal.h"
 #include "paths.h"
-#include "service/password_state.h"
+#include "service/live_values.h"
 #include "service/passwords.h"
 #include "support/files.h"
 #include "support/records.h"
@@ -29,6 +30,7 @@ class LiveStore : public testing::Test {
         emptyLists();
         support_campass = 1;
         backup_pending = 0;
+        connectLiveStore();
         createSQLTable();
         log.take();
     }

@@ -11,7 +11,8 @@
 // default to; it alone decides only for a file without a mark.
 //
 // All but resettlePasswords runs at start, before the threads; markPasswordState with backup_mutex
-// held, the others without: the conversion takes the parameter lock.
+// held, the others without: the conversion takes the parameter lock, which comes before it. Each
+// leaves the file sealed and on disk.
 #pragma once
 
 #include <cstdint>
@@ -37,7 +38,7 @@ std::int32_t plainMark(std::int64_t rows);
 void markPasswordState(bool fresh);
 
 // What a file says of its passwords, to be read while its values cannot change (holdForReading of
-// db/live_rows.h).
+// live/rows.h).
 struct StoredPasswords {
     PasswordMark mark{};
     std::vector<std::string> added; // the names of the rows beyond the mark's number
@@ -56,8 +57,15 @@ void adoptPasswords(const StoredPasswords& stored, bool later);
 // The same when the live values are plain and stand in no file yet.
 void adoptPlainPasswords();
 
+// For Storage (service/storage.h).
+bool storeConvertedPasswords();
+
+// Whether the rows are as support_campass says.
+bool passwordsSettled();
+
 // Stores what the start could not, from the live values, in one attempt. Does nothing, at no
-// cost, when all is settled. Takes the get-all lock, the parameter lock and backup_mutex.
+// cost, when all is settled. The get-all lock, since the listings read the switch under it, the
+// parameter lock and backup_mutex are held.
 void resettlePasswords();
 
 } // namespace kelconf

@@ -1,9 +1,10 @@
-#include "service/password_state.h"
+#include "live/password_state.h"
 
 #include "bus/service_locks.h"
-#include "db/live_rows.h"
 #include "files/backup.h"
-#include "files/live_seal.h"
+#include "live/owed.h"
+#include "live/rows.h"
+#include "live/seal.h"
 #include "paths.h"
 #include "service/param_list.h"
 #include "service/passwords.h"
@@ -24,6 +25,7 @@ constexpr std::uint32_t kMarkBit = 2;
 constexpr unsigned kRowsShift = 2;
 constexpr std::int64_t kMostRows = std::numeric_limits<std::int32_t>::max() >> kRowsShift;
 constexpr int kAttempts = 3;
+constexpr int kConversionAttempts = 10;
 
 std::int32_t encodeMark(std::int64_t rows, std::uint32_t bits) {
     const auto count = static_cast<std::uint32_t>(std::clamp<std::int64_t>(rows, 0, kMostRows));
@@ -47,11 +49,28 @@ std::vector<LiveRow> scrambleAddedValues(const std::vector<std::string>& added) 
     for (const std::string& name : added) {
         ParamElement* element = seekParamElement(name.c_str());
         if (element != nullptr && isPasswordName(element->name) && strlens(element->value) > 0) {
-            rows.push_back({name, scrambledForm(element->value)});
+            rows.push_back({name, scrambledForm(element->value), {}});
             replaceText(element->value, rows.back().value);
         }
     }
     return rows;
+}
+
+// Every password as the file is to hold it, and the switch. The parameter lock is held.
+std::vector<LiveRow> scrambledRows() {
+    std::vector<LiveRow> rows{{kPasswordSwitch, "1", {}}};
+    for (std::uint32_t i = 0; const ParamElement* param = paramElementAt(i); ++i) {
+        if (isPasswordName(param->name)) {
+            const std::string plain{valueToStore(param->name, param->value)};
+            rows.push_back({param->name, scrambledForm(plain.c_str()), {}});
+        }
+    }
+    return rows;
+}
+
+// Between two transactions the file is sealed and on disk.
+bool storeAndSettle(const std::vector<LiveRow>& rows, VersionOf version_of, int attempts) {
+    return storeTogether(rows, version_of, attempts) && settleLiveDatabase();
 }
 
 // Brings the rows and the switch in line with a mark that says scrambled.
@@ -59,11 +78,12 @@ void settleScrambled(const StoredPasswords& stored) {
     std::vector<LiveRow> rows = scrambleAddedValues(stored.added);
     const ParamElement* flag = seekParamElement(kPasswordSwitch);
     if (flag != nullptr && viewOf(flag->value) != "1") {
-        rows.push_back({kPasswordSwitch, "1"});
+        rows.push_back({kPasswordSwitch, "1", {}});
     }
     setLiveSwitch("1");
     if (!rows.empty() || stored.mark.rows != CheckParamListLength()) {
-        storeTogether(rows, scrambledMark, kAttempts);
+        const BackupSection files;
+        storeAndSettle(rows, scrambledMark, kAttempts);
     }
 }
 
@@ -73,17 +93,6 @@ bool isSettled(const StoredPasswords& stored) {
     }
     const bool wanted = stored.mark.scrambled || validatePrivateCampass() == 1;
     return !wanted || (stored.mark.scrambled && stored.added.empty());
-}
-
-std::vector<LiveRow> scrambledPasswords() {
-    std::vector<LiveRow> rows{{kPasswordSwitch, "1"}};
-    for (std::int32_t i = 0; i < CheckParamListLength(); ++i) {
-        const ParamElement* element = paramElementAt(static_cast<std::uint32_t>(i));
-        if (element != nullptr && isPasswordName(element->name)) {
-            rows.push_back({element->name, scrambledForm(element->value)});
-        }
-    }
-    return rows;
 }
 
 // The start could not write what it had to. Set by the start, cleared by one other thread.
@@ -117,12 +126,21 @@ void markPasswordState(bool fresh) {
         const auto value = fresh ? std::nullopt : readLiveValue(kPasswordSwitch);
         scrambled = value.has_value() && *value != "0";
     }
-    storeTogether({}, scrambled ? scrambledMark : plainMark, kAttempts);
+    storeAndSettle({}, scrambled ? scrambledMark : plainMark, kAttempts);
 }
 
 StoredPasswords readStoredPasswords(const char* path) {
     const PasswordMark mark = passwordMarkOf(readUserVersion(path));
-    return {mark, mark.present ? namesFrom(path, mark.rows) : std::vector<std::string>{}};
+    StoredPasswords stored{mark, {}};
+    if (mark.present) {
+        visitRows(
+            path,
+            [&](std::string_view name, std::string_view /*value*/, std::string_view /*type*/) {
+                stored.added.emplace_back(name);
+            },
+            mark.rows);
+    }
+    return stored;
 }
 
 void settlePasswords(const StoredPasswords& stored) {
@@ -160,20 +178,27 @@ void adoptPlainPasswords() {
     unsettled = false;
 }
 
+bool storeConvertedPasswords() {
+    const CriticalSection lock;
+    const BackupSection files;
+    storeTogether(scrambledRows(), scrambledMark, kConversionAttempts);
+    return sealLiveDatabase();
+}
+
+bool passwordsSettled() {
+    return !unsettled;
+}
+
 void resettlePasswords() {
     if (!unsettled) {
         return;
     }
-    const GetAllCriticalSection requests; // the listings read the switch under it
-    const CriticalSection lock;
-    const BackupSection files;
     const bool scramble = validatePrivateCampass() == 1;
-    const std::vector<LiveRow> rows = scramble ? scrambledPasswords() : std::vector<LiveRow>{};
-    if (storeTogether(rows, scramble ? scrambledMark : plainMark, 1)) {
+    const std::vector<LiveRow> rows = scramble ? scrambledRows() : std::vector<LiveRow>{};
+    if (storeAndSettle(rows, scramble ? scrambledMark : plainMark, 1)) {
         setLiveSwitch("1");
         support_campass = scramble ? 1 : 0;
         unsettled = false;
-        sealLiveDatabase();
         backup_pending = 1;
     }
 }

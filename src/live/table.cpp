@@ -1,0 +1,123 @@
+#include "live/table.h"
+
+#include "db/live_db.h"
+#include "files/backup.h"
+#include "files/md5_sidecar.h"
+#include "live/content.h"
+#include "live/owed.h"
+#include "live/renewal.h"
+#include "live/rows.h"
+#include "live/seal.h"
+#include "log/keldebug.h"
+#include "paths.h"
+
+#include <sys/stat.h>
+
+#include <string>
+
+namespace kelconf {
+
+namespace {
+
+// The text between the quotes of an SQL literal.
+std::string withDoubledQuotes(std::string_view value) {
+    std::string text;
+    text.reserve(value.size());
+    for (const char c : value) {
+        text += c;
+        if (c == '\'') {
+            text += c;
+        }
+    }
+    return text;
+}
+
+using Update = std::int32_t (*)(const char*, const char*);
+
+bool updateStored(Update update, const StoredChange& change) {
+    const std::string stored = storedForm(change.name.c_str(), change.value);
+    return update(change.name.c_str(), withDoubledQuotes(stored).c_str()) == 1;
+}
+
+void noteAllUnstored(const std::vector<StoredChange>& changes) {
+    for (const StoredChange& change : changes) {
+        noteUnstored(change.name, change.value);
+    }
+}
+
+std::vector<LiveRow> rowsOf(const std::vector<StoredChange>& changes) {
+    std::vector<LiveRow> rows;
+    for (const StoredChange& change : changes) {
+        rows.push_back({change.name, storedForm(change.name.c_str(), change.value), {}});
+    }
+    return rows;
+}
+
+bool storeInOneTransaction(const std::vector<StoredChange>& changes) {
+    if (!storeTogether(rowsOf(changes), nullptr)) {
+        return false;
+    }
+    for (const StoredChange& change : changes) {
+        noteStored(change.name);
+    }
+    return true;
+}
+
+// Every row finds the file sealed: a transaction that was committed and one that is cut short must
+// not come together.
+bool storeRowByRow(const std::vector<StoredChange>& changes, bool refused) {
+    bool unsealed = false;
+    for (const StoredChange& change : changes) {
+        if (unsealed && !settleLiveDatabase()) {
+            noteUnstored(change.name, change.value);
+            continue;
+        }
+        refused = !updateStored(refused ? updateSQLEntry : robustUpdateSQLEntry, change);
+        unsealed = !refused;
+        refused ? noteUnstored(change.name, change.value) : noteStored(change.name);
+    }
+    return refused;
+}
+
+bool present(const char* path) {
+    struct stat info {};
+    return stat(path, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+} // namespace
+
+void storeChanges(const std::vector<StoredChange>& changes, bool& refused) {
+    if (liveFileLost()) {
+        noteAllUnstored(changes);
+        refused = true;
+    } else if (changes.size() == 1 || refused || !storeInOneTransaction(changes)) {
+        refused = storeRowByRow(changes, refused);
+    }
+}
+
+void sealChanges() {
+    renewLiveFile();
+    if (liveFile() != LiveFile::kLost) {
+        sealLiveDatabase();
+    } else if (!present(paths::kLiveDb)) {
+        createFileMD5(paths::kLiveDb, paths::kLiveDbMd5); // says that it cannot
+    }
+}
+
+void storeFailedChanges() {
+    if (!anyUnstored() || liveFileLost()) {
+        return;
+    }
+    const std::vector<StoredChange> changes = unstoredChanges();
+    if (!storeInOneTransaction(changes)) {
+        storeRowByRow(changes, true);
+    }
+    settleLiveDatabase();
+    backup_pending = 1;
+    if (anyUnstored()) {
+        return;
+    }
+    keldebug(kLogInfo, kToBoth, "live database: changes that had failed are stored\n");
+}
+
+} // namespace kelconf
