@@ -47,6 +47,7 @@ void noteAllUnstored(const std::vector<StoredChange>& changes) {
 
 std::vector<LiveRow> rowsOf(const std::vector<StoredChange>& changes) {
     std::vector<LiveRow> rows;
+    rows.reserve(changes.size());
     for (const StoredChange& change : changes) {
         rows.push_back({change.name, storedForm(change.name.c_str(), change.value), {}});
     }
