@@ -24,7 +24,7 @@ namespace {
 void tendFile() {
     const CriticalSection lock;
     const BackupSection files;
-    renewLiveFile();
+    renewWhereDue();
     if (!liveFileLost()) {
         resettlePasswords();
         storeFailedChanges();

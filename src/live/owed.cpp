@@ -40,11 +40,12 @@ void noteUnstored(const std::string& name, const std::string& value) {
     any_unstored = true;
 }
 
-void noteStored(const std::string& name) {
-    if (any_unstored) {
-        owed().unstored.erase(name);
-        any_unstored = !owed().unstored.empty();
+void noteStored(const std::string& name, const std::string& value) {
+    if (const auto kept = owed().memory_only.find(name); kept != owed().memory_only.end()) {
+        kept->second = value;
     }
+    owed().unstored.erase(name);
+    any_unstored = !owed().unstored.empty();
 }
 
 bool anyUnstored() {
@@ -77,9 +78,10 @@ std::string_view valueToStore(const char* name, const char* live) {
     return viewOf(live);
 }
 
-void forgetUnstored() {
-    owed().unstored.clear();
-    any_unstored = false;
+void noteAllStored() {
+    for (const StoredChange& change : unstoredChanges()) {
+        noteStored(change.name, change.value);
+    }
 }
 
 } // namespace kelconf

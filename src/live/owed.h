@@ -28,9 +28,9 @@ LiveFile liveFile();
 void setLiveFile(LiveFile state);
 
 // Changes whose storing failed, with the plain value that was to be stored, which is not always the
-// live one any more. noteStored takes a name out again.
+// live one any more. noteStored takes a name out again: the file now has that value of it.
 void noteUnstored(const std::string& name, const std::string& value);
-void noteStored(const std::string& name);
+void noteStored(const std::string& name, const std::string& value);
 bool anyUnstored();
 std::vector<StoredChange> unstoredChanges();
 
@@ -43,6 +43,6 @@ void endMemoryOnly(const std::string& name);
 std::string_view valueToStore(const char* name, const char* live);
 
 // The file holds everything that it is to hold.
-void forgetUnstored();
+void noteAllStored();
 
 } // namespace kelconf

@@ -79,7 +79,7 @@ bool liveFileLost() {
 }
 
 void renewLiveFile() {
-    if (CheckParamListLength() == 0 || !renewalDue() || !roomFor(sizeOfNewFile()) ||
+    if (CheckParamListLength() == 0 || !roomFor(sizeOfNewFile()) ||
         (filePresent(paths::kLiveDb) && !LiveLock{})) {
         return;
     }
@@ -92,10 +92,16 @@ void renewLiveFile() {
     }
     if (putReplacementInPlace()) {
         protectStoredFiles();
-        forgetUnstored();
+        noteAllStored();
         setLiveFile(LiveFile::kWhole);
         backup_pending = 1;
         keldebug(kLogWarning, kToBoth, "live database made anew from memory\n");
+    }
+}
+
+void renewWhereDue() {
+    if (renewalDue()) {
+        renewLiveFile();
     }
 }
 

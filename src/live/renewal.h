@@ -11,9 +11,13 @@ namespace kelconf {
 // are held.
 bool liveFileLost();
 
-// Does nothing, at next to no cost, when the file is there and takes changes, and while the flash
-// is full or read-only. The new file is complete, compared with memory and vouched for before it
-// takes the name (live/replacement.h). The parameter lock and backup_mutex are held.
+// Makes the file anew, whatever it is; does nothing while the flash is full or read-only, or
+// another process has the file locked. The new file is complete, compared with memory and vouched
+// for before it takes the name (live/replacement.h). The parameter lock and backup_mutex are held.
 void renewLiveFile();
+
+// The same where there is a reason to: the file is lost, lacks rows, or refuses changes because its
+// structure is damaged. At next to no cost where there is none.
+void renewWhereDue();
 
 } // namespace kelconf

@@ -59,7 +59,7 @@ bool storeInOneTransaction(const std::vector<StoredChange>& changes) {
         return false;
     }
     for (const StoredChange& change : changes) {
-        noteStored(change.name);
+        noteStored(change.name, change.value);
     }
     return true;
 }
@@ -75,7 +75,7 @@ bool storeRowByRow(const std::vector<StoredChange>& changes, bool refused) {
         }
         refused = !updateStored(refused ? updateSQLEntry : robustUpdateSQLEntry, change);
         unsealed = !refused;
-        refused ? noteUnstored(change.name, change.value) : noteStored(change.name);
+        (refused ? noteUnstored : noteStored)(change.name, change.value);
     }
     return refused;
 }
@@ -97,7 +97,9 @@ void storeChanges(const std::vector<StoredChange>& changes, bool& refused) {
 }
 
 void sealChanges() {
-    renewLiveFile();
+    if (liveFile() == LiveFile::kLost || liveFile() == LiveFile::kIncomplete) {
+        renewLiveFile();
+    }
     if (liveFile() != LiveFile::kLost) {
         sealLiveDatabase();
     } else if (!present(paths::kLiveDb)) {

@@ -173,8 +173,10 @@ using Strings = std::vector<std::string>;
 
 TEST(Sets, AreAnnouncedAndStoredAsTheirKindSays) {
     std::string elements = leaf("a", "int", "1") + leaf("b", "string", "x") +
-                           leaf("big", "string", "") + leaf("r", "realtime", "");
-    std::vector<Parameter> many; // name 10, value 20, previous value 20: 150 bytes counted
+                           leaf("big", "string", "") + leaf("r", "realtime", "") +
+                           leaf("e1", "string", "") + leaf("e2", "string", "");
+    const std::string half(390, 'h'); // with a name of 10: 500 bytes counted
+    std::vector<Parameter> many;      // name 10, value 20, previous value 20: 150 bytes counted
     std::string batch;
     Strings of_many;
     for (int i = 0; i < 9; ++i) {
@@ -208,6 +210,11 @@ TEST(Sets, AreAnnouncedAndStoredAsTheirKindSays) {
         {kDirect, {{"private.a", "5"}}, {}, "a", "4"},
         {kDirect, {{"private.big", big}}, {event(change("big", "", big))}, "big", big},
         {kDirect, {{"private.b", ""}}, {event(change("b", "it's 'q'", ""))}, "b", ""},
+        {kDirect,
+         {{"private.e1", half}, {"private.e2", half}},
+         {event(change("e1", "", half) + change("e2", "", half))},
+         "e2",
+         half},
         {kDirect, many, of_many, "n8", std::string(20, 'v')},
     };
     for (const auto& c : cases) {
@@ -230,8 +237,8 @@ TEST(Sets, DeleteStoredFilesButNothingElse) {
         {storage + "sub/a", "", storage + "sub/a", true},
         {storage + "b", storage + "c", storage + "b", false},
         {storage + "b", storage + "b", storage + "b", false},
-        {storage + "../victim.db", "", "/mnt/nand/conf/victim.db", false},
-        {storage + "sub/../../victim.db", "", "/mnt/nand/conf/victim.db", false},
+        {storage + "../victim.db", "", "/mnt/nand/victim.db", false},
+        {storage + "sub/../../victim.db", "", "/mnt/nand/victim.db", false},
         {storage + "link/victim", "", "/tmp/outside/victim", false},
         {"x" + storage + "b", "", storage + "b", false},
         {"/tmp/.." + storage + "b", "", storage + "b", false},
@@ -243,6 +250,8 @@ TEST(Sets, DeleteStoredFilesButNothingElse) {
         elements += leaf("f" + std::to_string(i), "string", cases[i].before);
     }
     const Service service(elements);
+    fs::create_directory("/mnt/nand/elsewhere"); // the directory itself may be a link
+    fs::create_directory_symlink("/mnt/nand/elsewhere", storage.substr(0, storage.size() - 1));
     fs::create_directories(storage + "sub");
     fs::create_directories("/tmp/outside");
     fs::create_directory_symlink("/tmp/outside", storage + "link");

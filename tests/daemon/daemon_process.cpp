@@ -112,6 +112,12 @@ void Daemon::killNow() {
     awaitEnd();
 }
 
+std::vector<std::string> faults(const std::string& setting) {
+    const char* build = std::getenv("KELCONF_BUILD");
+    return {std::string("LD_PRELOAD=") + (build == nullptr ? "." : build) + "/tests/fault_shim.so",
+            "ASAN_OPTIONS=verify_asan_link_order=0", "KELCONF_FAULT=" + setting};
+}
+
 void resetDevice(const std::string& neutral_tree) {
     resetDevice();
     std::filesystem::remove_all("/tmp/kelbus");

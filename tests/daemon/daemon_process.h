@@ -40,6 +40,9 @@ class Daemon {
     int status_ = -1;
 };
 
+// The environment that puts the fault library (tests/faults) before its storage, with that setting.
+std::vector<std::string> faults(const std::string& setting);
+
 // A clean device: no stored files, no bus directory, one tree.
 void resetDevice(const std::string& neutral_tree);
 

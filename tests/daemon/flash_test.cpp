@@ -79,9 +79,8 @@ TEST_P(FullFlash, ServesFromMemoryAndStoresWhenThereIsRoom) {
     EXPECT_TRUE(set("SET_ACTION_NO_DB", {{"private.word", "changed"}, {"private.later", "too"}}));
     fs::remove(kBallast);
     loggedUntil(log, "live database made anew from memory");
-    EXPECT_EQ(sql(paths::kLiveDb, kRows),
-              (SqlRows{{"private.later", GetParam().later, "enum"},
-                       {"private.word", GetParam().word, "string"}}))
+    EXPECT_EQ(sql(paths::kLiveDb, kRows), (SqlRows{{"private.later", GetParam().later, "enum"},
+                                                   {"private.word", GetParam().word, "string"}}))
         << "not what was never to be stored";
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(contentOf(paths::kBackupDb), contentOf(paths::kLiveDb));

@@ -1,5 +1,5 @@
-// The life of kelconfd: its ground, a second start, its end and its death, and what the next start
-// makes of what is left.
+// The life of kelconfd: its ground, a second start, its end and its death, and its passwords. What
+// a start makes of what is left on flash is in tests/live and tests/powercut.
 #include "daemon/bus_client.h"
 #include "daemon/daemon_process.h"
 #include "paths.h"
@@ -109,8 +109,10 @@ TEST(Start, OfASecondIsRefusedAndDisturbsNothing) {
 
 TEST(Files, AreNotOpenToEverybody) {
     resetDevice(treeOf(kWord + leaf("admin_passwd", "string", "secret")));
-    writeFile(kBackup, "an old one");
-    fs::permissions(kBackup, fs::perms{0666});
+    for (const std::string& open : {kBackup, std::string(paths::kLiveDbSeal)}) {
+        writeFile(open, "an old one");
+        fs::permissions(open, fs::perms{0666});
+    }
     Daemon daemon;
     ASSERT_TRUE(daemon.awaitReady());
     ASSERT_TRUE(set(kDirect, {{"private.word", "b"}}));
@@ -257,92 +259,6 @@ TEST(Kill, AtAnyMomentKeepsEveryAnsweredDirectSet) {
         expectKept(answered);
     }
 }
-
-// ---- What is left ------------------------------------------------------------------------------
-
-void flipByteOf(const std::string& path, const std::string& text) {
-    std::string bytes = contentOf(path);
-    const std::size_t at = bytes.find(text);
-    ASSERT_NE(at, std::string::npos);
-    bytes[at] = static_cast<char>(bytes[at] ^ 1);
-    writeFile(path, bytes);
-}
-
-struct Damage {
-    const char* name;
-    std::function<void()> happen;
-    const char* verdict;
-    const char* value; // of the parameter afterwards
-    bool evidence;
-};
-
-void PrintTo(const Damage& damage, std::ostream* out) {
-    *out << damage.name;
-}
-
-class Recovery : public testing::TestWithParam<Damage> {};
-
-void runAndSet(const char* value) {
-    Daemon daemon;
-    ASSERT_TRUE(daemon.awaitReady());
-    ASSERT_TRUE(set(kDirect, {{"private.word", value}}));
-    ASSERT_EQ(daemon.stop(), 0);
-}
-
-// The live database holds "newer", its backup "backed-up", the tree "default".
-TEST_P(Recovery, DecidesByWhatIsLeft) {
-    resetDevice(treeOf(kWord));
-    runAndSet("backed-up");
-    const std::string backup = contentOf(kBackup);
-    const std::string sidecar = contentOf(kBackup + ".md5");
-    runAndSet("newer");
-    writeFile(kBackup, backup);
-    writeFile(kBackup + ".md5", sidecar);
-    GetParam().happen();
-    DeviceLog log;
-    {
-        Daemon daemon;
-        ASSERT_TRUE(daemon.awaitReady());
-        EXPECT_EQ(valueOf("private.word"), GetParam().value);
-        EXPECT_TRUE(set(kDirect, {{"private.word", "again"}}));
-        EXPECT_EQ(daemon.stop(), 0);
-    }
-    EXPECT_TRUE(logHas(log.take(), GetParam().verdict));
-    EXPECT_EQ(exists(kLive + ".damaged"), GetParam().evidence);
-    Daemon daemon;
-    ASSERT_TRUE(daemon.awaitReady());
-    EXPECT_EQ(valueOf("private.word"), "again") << "the repair lasts";
-    EXPECT_TRUE(logHas(log.take(), "live database sound"));
-}
-
-void removeBoth() {
-    fs::remove(kLive);
-    fs::remove(kBackup);
-}
-
-void damageBoth() {
-    flipByteOf(kLive, "newer");
-    flipByteOf(kBackup, "backed-up");
-}
-
-void cutTo(std::uintmax_t divisor) {
-    fs::resize_file(kLive, fs::file_size(kLive) / divisor);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, Recovery,
-    testing::Values(
-        Damage{"untouched", [] {}, "database sound", "newer", false},
-        Damage{"flipped", [] { flipByteOf(kLive, "newer"); }, "damaged", "backed-up", true},
-        Damage{"halved", [] { cutTo(2); }, "damaged", "backed-up", true},
-        Damage{"emptied", [] { cutTo(1 << 30); }, "damaged", "backed-up", false},
-        Damage{"deleted", [] { fs::remove(kLive); }, "missing", "backed-up", false},
-        Damage{"deleted with its backup", removeBoth, "made new", "default", false},
-        Damage{"damaged with its backup", damageBoth, "used as it reads", "oewer", true},
-        Damage{"no sidecar", [] { fs::remove(kLive + ".md5"); }, "damaged", "backed-up", true},
-        Damage{"not sealed",
-               [] { sql(kLive, "UPDATE CONFIG SET VALUE='unsealed' WHERE NAME='private.word'"); },
-               "recovered", "unsealed", false}));
 
 // ---- Passwords ----------------------------------------------------------------------------------
 

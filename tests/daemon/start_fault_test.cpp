@@ -23,12 +23,6 @@ const std::string kSwitch = leaf("encrypt_campass", "int", "0");
 
 constexpr const char* kTrace = "/tmp/trace";
 
-std::vector<std::string> shim(const std::string& setting) {
-    const char* build = std::getenv("KELCONF_BUILD");
-    return {std::string("LD_PRELOAD=") + (build == nullptr ? "." : build) + "/tests/fault_shim.so",
-            "ASAN_OPTIONS=verify_asan_link_order=0", setting};
-}
-
 // A start with everything to do: a torn pass, names to add, passwords to scramble.
 class Start : public testing::Test {
   protected:
@@ -61,7 +55,9 @@ class Start : public testing::Test {
     // The numbers of the calls that change something, up to the moment when the daemon is ready.
     std::vector<long> modifyingCalls() const {
         restore();
-        Daemon daemon{shim(std::string("KELCONF_FAULT_TRACE=") + kTrace)};
+        std::vector<std::string> environment = faults("fail 0 0");
+        environment.push_back(std::string("KELCONF_FAULT_TRACE=") + kTrace);
+        Daemon daemon{environment};
         EXPECT_TRUE(daemon.awaitReady());
         std::istringstream lines(contentOf(kTrace));
         std::vector<long> numbers;
@@ -102,7 +98,7 @@ TEST_F(Start, KilledAfterAnyCallLosesNothing) {
         SCOPED_TRACE(number);
         restore();
         {
-            Daemon daemon{shim("KELCONF_FAULT=kill-after " + std::to_string(number))};
+            Daemon daemon{faults("kill-after " + std::to_string(number))};
             daemon.awaitReady(); // killed before, or by a call of its threads
             daemon.killNow();
         }
@@ -115,8 +111,8 @@ TEST_F(Start, ServesWhateverCallFails) {
         SCOPED_TRACE(number);
         restore();
         {
-            Daemon daemon{shim("KELCONF_FAULT=fail " + std::to_string(number) + " " +
-                               std::to_string(number % 2 == 0 ? ENOSPC : EIO))};
+            Daemon daemon{faults("fail " + std::to_string(number) + " " +
+                                 std::to_string(number % 2 == 0 ? ENOSPC : EIO))};
             ASSERT_TRUE(daemon.awaitReady());
             expectValues();
             EXPECT_EQ(daemon.stop(), 0);
@@ -130,7 +126,7 @@ TEST_F(Start, OnAFlashThatTakesNothingServesFromMemory) {
         SCOPED_TRACE(error);
         restore();
         {
-            Daemon daemon{shim("KELCONF_FAULT=fail-on 1 " + std::to_string(error) + " modify")};
+            Daemon daemon{faults("fail-on 1 " + std::to_string(error) + " modify")};
             ASSERT_TRUE(daemon.awaitReady());
             expectValues();
             EXPECT_EQ(daemon.stop(), 0);

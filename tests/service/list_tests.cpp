@@ -156,6 +156,11 @@ TEST_F(Lists, GroupsAreDecidedByEightBytes) {
         delQryGroupElement();
         EXPECT_EQ(CheckQryGroupListLength(), 0);
         EXPECT_EQ(IsGroupNode(c.name), 0) << "after the release";
+        addQryGroupElementWithName(c.group);
+        freeText(static_cast<GroupElement*>(simlist_get_at(&QryGroupList, 0))->name);
+        simlist_clear(&QryGroupList);
+        initQryGroupListList();
+        EXPECT_EQ(IsGroupNode(c.name), 0) << "in a new list";
     }
 }
 
