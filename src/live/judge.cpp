@@ -24,14 +24,10 @@ Reading failedReading(sqlite3* database) {
     }
 }
 
-// True when the journal needs no further thought: there is none, or it was a left-over and is gone.
-// False: it has to be rolled back.
-bool leftoverRemoved() {
-    if (!sealedAsItStands()) {
-        return false;
+void dropLeftoverJournal() {
+    if (sealedAsItStands()) {
+        removeFile(paths::kLiveDbJournal);
     }
-    removeFile(paths::kLiveDbJournal);
-    return true;
 }
 
 LiveVerdict verdictOfSeal() {
@@ -76,7 +72,7 @@ LiveVerdict judgeLiveDatabase() {
         if (!alone) {
             return LiveVerdict::kUnreadable;
         }
-        leftoverRemoved();
+        dropLeftoverJournal();
     }
     const Reading reading = readInFull(paths::kLiveDb);
     if (filePresent(paths::kLiveDbJournal) && reading != Reading::kComplete) {
