@@ -49,6 +49,7 @@ inline void forgetMemory() {
 
 inline void start() {
     forgetMemory();
+    simlist_destroy(&ParamList); // the load makes it
     std::filesystem::create_directories("/tmp/kelbus");
     int seconds = 2 * kLockPatience;
     LiveSource source = readyLiveStore([&] { return --seconds > 0; });

@@ -158,7 +158,7 @@ TEST_F(Lists, GroupsAreDecidedByEightBytes) {
         EXPECT_EQ(IsGroupNode(c.name), 0) << "after the release";
         addQryGroupElementWithName(c.group);
         freeText(static_cast<GroupElement*>(simlist_get_at(&QryGroupList, 0))->name);
-        simlist_clear(&QryGroupList);
+        simlist_destroy(&QryGroupList);
         initQryGroupListList();
         EXPECT_EQ(IsGroupNode(c.name), 0) << "in a new list";
     }
