@@ -15,9 +15,19 @@ void* eventSock = nullptr;
 
 namespace {
 
+// A send alone leaves subscriptions that have arrived waiting for about a millisecond after it has
+// last looked for some: a subscriber that is sure of its connection would miss the event.
+// Asking for the events of the socket looks every time.
+void takeInSubscriptions() {
+    int events = 0;
+    std::size_t size = sizeof events;
+    zmq_getsockopt(eventSock, ZMQ_EVENTS, &events, &size);
+}
+
 // Under the event lock. Without a socket (before the start, after the end) the event is lost.
 void publish(OwnedText document, std::int32_t length, int flags) {
     if (document != nullptr && eventSock != nullptr) {
+        takeInSubscriptions();
         sendDocument(eventSock, std::move(document), length, flags);
     }
 }
