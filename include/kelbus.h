@@ -10,8 +10,8 @@
  * anything is sent (KELBUS_BAD_ARGUMENT).
  *
  * Time limits are in milliseconds and bound the whole call; a negative one is no limit, 0 leaves no
- * time for an answer. Every call ends with KELBUS_NO_SERVICE as soon as the service is known not to
- * run, whatever the limit. A signal does not end a call.
+ * time for an answer. Every request ends with KELBUS_NO_SERVICE as soon as the service is known not to
+ * run, whatever the limit; a watch waits for the service to come. A signal does not end a call.
  *
  * Threads. A client or a watch is used by one thread at a time; different ones may be used by
  * different threads at the same time without a lock. A child of fork() uses none of its parent's
@@ -137,7 +137,8 @@ void kelbus_free(void* value);
 /* Subscribes to the changes of all parameters whose names begin with one of `count` prefixes (0: all
    parameters). The prefixes are copied. Needs no running service: the watch connects when there is
    one. When the service runs, the call waits up to a second for the connection, so that a change that
-   is set after the call is seen. On failure *watch is null. */
+   is set after the call is seen. On failure *watch is null. KELBUS_REFUSED: the service runs, and its
+   socket is not open to you. */
 kelbus_error kelbus_watch_open(kelbus_watch** watch, const char* const* prefixes, size_t count);
 
 /* A descriptor for poll(): readable when there may be changes. It may be readable without one, and
@@ -147,8 +148,10 @@ kelbus_error kelbus_watch_open(kelbus_watch** watch, const char* const* prefixes
 int kelbus_watch_fd(const kelbus_watch* watch);
 
 /* The next change, in the order of arrival. The texts of *change are valid until the next call with
-   this watch. KELBUS_TIMEOUT: none came within the limit. KELBUS_BROKEN_REPLY: something that is no
-   event came and was dropped; go on. A watch that is not read loses changes when some thousands
+   this watch. KELBUS_TIMEOUT: none came within the limit, be it that nobody serves the bus: a watch
+   waits for the service. KELBUS_REFUSED: a service came after the watch was opened, the first one, and
+   its socket is not open to you. KELBUS_BROKEN_REPLY: something that is no event came and was
+   dropped; go on. A watch that is not read loses changes when some thousands
    wait, and is not told. */
 kelbus_error kelbus_watch_next(kelbus_watch* watch, kelbus_change* change, int timeout_ms);
 

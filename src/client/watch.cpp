@@ -19,6 +19,7 @@ struct kelbus_watch {
     kelconf::ReplyDocument document; // the event that is being handed out
     std::size_t next = 0;            // position in its parameters
     int descriptor = -1;
+    bool open_to_us = false; // somebody served the events and let us connect
 };
 
 namespace kelconf {
@@ -26,6 +27,7 @@ namespace kelconf {
 namespace {
 
 constexpr int kOpenPatience = 1000; // ms that opening a watch waits for its connection
+constexpr int kLookAgain = 1000;    // ms between two looks for a service that lets us connect
 
 bool wanted(const kelbus_watch& watch, std::string_view name) {
     return watch.prefixes.empty() ||
@@ -61,19 +63,41 @@ bool readEvent(kelbus_watch& watch, Message& message) {
     return false;
 }
 
-kelbus_error nextChange(kelbus_watch& watch, kelbus_change& change, const Deadline& deadline) {
+// A service that keeps us out is never heard. Looked for until one has let us in: later looks would
+// cost the service a connection each.
+kelbus_error lookForService(kelbus_watch& watch) {
+    if (!watch.open_to_us) {
+        const Listener listener = probeEndpoint(endpoints::kEvent);
+        watch.open_to_us = listener == Listener::kThere;
+        return listener == Listener::kForbidden ? KELBUS_REFUSED : KELBUS_OK;
+    }
+    return KELBUS_OK;
+}
+
+// Waits for a message, at most until the service has to be looked for again.
+kelbus_error awaitMessage(kelbus_watch& watch, Message& message, const Deadline& deadline) {
     void* socket = watch.events.get();
+    setSocketOption(socket, ZMQ_RCVTIMEO,
+                    watch.open_to_us ? deadline.leftOrForever() : deadline.left(kLookAgain));
+    if (message.receive(socket, 0) >= 0) {
+        return KELBUS_OK;
+    }
+    if (zmq_errno() != EAGAIN && zmq_errno() != EINTR) {
+        return KELBUS_NO_MEMORY;
+    }
+    const kelbus_error error = lookForService(watch);
+    return error == KELBUS_OK ? KELBUS_TIMEOUT : error;
+}
+
+kelbus_error nextChange(kelbus_watch& watch, kelbus_change& change, const Deadline& deadline) {
     while (!takeChange(watch, change)) {
-        setSocketOption(socket, ZMQ_RCVTIMEO, deadline.leftOrForever());
         Message message;
-        if (message.receive(socket, 0) >= 0) {
-            if (!readEvent(watch, message)) {
-                return KELBUS_BROKEN_REPLY;
-            }
-        } else if (zmq_errno() == EAGAIN) {
-            return KELBUS_TIMEOUT;
-        } else if (zmq_errno() != EINTR) {
-            return KELBUS_NO_MEMORY;
+        const kelbus_error error = awaitMessage(watch, message, deadline);
+        if (error == KELBUS_OK && !readEvent(watch, message)) {
+            return KELBUS_BROKEN_REPLY;
+        }
+        if (error != KELBUS_OK && (error != KELBUS_TIMEOUT || deadline.over())) {
+            return error;
         }
     }
     return KELBUS_OK;
@@ -91,7 +115,7 @@ void awaitConnection(void* news) {
     }
 }
 
-bool connect(kelbus_watch& watch) {
+bool subscribe(kelbus_watch& watch) {
     watch.events.reset(zmq_socket(watch.context.get(), ZMQ_SUB));
     void* socket = watch.events.get();
     const Socket news = socket != nullptr ? openEvents(watch.context.get(), socket) : Socket{};
@@ -110,6 +134,17 @@ bool connect(kelbus_watch& watch) {
     return connected;
 }
 
+kelbus_error connect(kelbus_watch& watch) {
+    if (watch.context.get() == nullptr) {
+        return KELBUS_NO_MEMORY;
+    }
+    const kelbus_error error = lookForService(watch);
+    if (error != KELBUS_OK) {
+        return error;
+    }
+    return subscribe(watch) ? KELBUS_OK : KELBUS_NO_MEMORY;
+}
+
 } // namespace
 
 } // namespace kelconf
@@ -126,13 +161,14 @@ kelbus_error kelbus_watch_open(kelbus_watch** watch, const char* const* prefixes
     try {
         auto opened = std::make_unique<kelbus_watch>();
         opened->prefixes = std::vector<std::string>(prefixes, prefixes + count);
-        if (opened->context.get() != nullptr && kelconf::connect(*opened)) {
+        const kelbus_error error = kelconf::connect(*opened);
+        if (error == KELBUS_OK) {
             *watch = opened.release();
         }
+        return error;
     } catch (const std::exception&) {
-        // reported below
+        return KELBUS_NO_MEMORY;
     }
-    return *watch != nullptr ? KELBUS_OK : KELBUS_NO_MEMORY;
 }
 
 int kelbus_watch_fd(const kelbus_watch* watch) {
