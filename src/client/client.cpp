@@ -87,8 +87,8 @@ kelbus_error request(kelbus& client, const RequestKind& kind, Parameters paramet
     }
     Message message;
     Connection& connection = client.*kind.connection;
-    error = exchange(client.context.get(), connection, kind.address, document.view(), message,
-                     deadline, client.message);
+    error = exchange(client.context, connection, kind.address, document.view(), message, deadline,
+                     client.message);
     if (error != KELBUS_OK) {
         return error;
     }

@@ -1,5 +1,7 @@
 #include "client/client_context.h"
 
+#include "client/headroom.h"
+
 #include <zmq.h>
 
 #include <mutex>
@@ -14,6 +16,7 @@ struct SharedContext {
     std::mutex mutex;
     void* context = nullptr; // guarded by mutex
     unsigned users = 0;      // guarded by mutex
+    bool started = false;    // guarded by mutex: its threads run, from the first socket on
 };
 
 // Never destroyed: a client that a program's own static object holds may end after ours.
@@ -41,7 +44,19 @@ ContextUse::~ContextUse() {
     if (--all.users == 0 && all.context != nullptr) {
         zmq_ctx_term(all.context);
         all.context = nullptr;
+        all.started = false;
     }
+}
+
+Socket ContextUse::socket(int type) const {
+    SharedContext& all = shared();
+    const std::lock_guard lock{all.mutex};
+    if (!(all.started ? roomForConnection() : roomForContext())) {
+        return {};
+    }
+    Socket made{zmq_socket(context_, type)};
+    all.started = all.started || made != nullptr;
+    return made;
 }
 
 } // namespace kelconf

@@ -4,6 +4,8 @@
 // uses it. Any thread.
 #pragma once
 
+#include "bus/zmq_handle.h"
+
 namespace kelconf {
 
 // A use of the context, from construction to destruction.
@@ -18,6 +20,11 @@ class ContextUse {
 
     // Null when there is no memory or descriptor for it.
     [[nodiscard]] void* get() const { return context_; }
+
+    // A socket, for a connection that is about to be made and is watched (openEvents). Empty, with
+    // errno set, when this process lacks a descriptor, a thread or memory for all of that: libzmq
+    // would end it half-way.
+    [[nodiscard]] Socket socket(int type) const;
 
   private:
     void* context_;

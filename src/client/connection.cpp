@@ -48,7 +48,7 @@ void close(Connection& connection) {
     connection.ready = false;
 }
 
-kelbus_error open(void* context, Connection& connection, const char* address,
+kelbus_error open(const ContextUse& context, Connection& connection, const char* address,
                   std::string& message) {
     switch (probeEndpoint(address)) {
     case Listener::kAbsent:
@@ -58,7 +58,7 @@ kelbus_error open(void* context, Connection& connection, const char* address,
     case Listener::kThere:
         break;
     }
-    connection.requests.reset(zmq_socket(context, ZMQ_REQ));
+    connection.requests.reset(context.socket(ZMQ_REQ).release());
     if (!connection.requests) {
         return noSocket(message);
     }
@@ -66,7 +66,7 @@ kelbus_error open(void* context, Connection& connection, const char* address,
     // A connection that was lost is opened anew by the next request; until then it need not try
     // hard.
     setSocketOption(connection.requests.get(), ZMQ_RECONNECT_IVL_MAX, kSlowest);
-    connection.events = openEvents(context, connection.requests.get());
+    connection.events = openEvents(context.get(), connection.requests.get());
     if (!connection.events || zmq_connect(connection.requests.get(), address) != 0) {
         return noSocket(message);
     }
@@ -102,7 +102,7 @@ kelbus_error receive(Connection& connection, const char* address, Message& reply
     }
 }
 
-kelbus_error tryExchange(void* context, Connection& connection, const char* address,
+kelbus_error tryExchange(const ContextUse& context, Connection& connection, const char* address,
                          std::string_view request, Message& reply, const Deadline& deadline,
                          std::string& message) {
     if (connection.requests && readNews(connection.events.get()).lost) {
@@ -179,7 +179,7 @@ ConnectionNews readNews(void* events) {
     return news;
 }
 
-kelbus_error exchange(void* context, Connection& connection, const char* address,
+kelbus_error exchange(const ContextUse& context, Connection& connection, const char* address,
                       std::string_view request, Message& reply, const Deadline& deadline,
                       std::string& message) {
     const kelbus_error error =

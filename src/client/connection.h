@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bus/zmq_handle.h"
+#include "client/client_context.h"
 #include "client/deadline.h"
 #include "kelbus.h"
 
@@ -42,7 +43,7 @@ Socket openEvents(void* context, void* socket);
 
 // Sends a request and waits for its reply. Opens the connection where needed and closes it on any
 // failure, so that a late reply is never read. On failure `message` says what happened.
-kelbus_error exchange(void* context, Connection& connection, const char* address,
+kelbus_error exchange(const ContextUse& context, Connection& connection, const char* address,
                       std::string_view request, Message& reply, const Deadline& deadline,
                       std::string& message);
 

@@ -116,7 +116,7 @@ void awaitConnection(void* news) {
 }
 
 bool subscribe(kelbus_watch& watch) {
-    watch.events.reset(zmq_socket(watch.context.get(), ZMQ_SUB));
+    watch.events = watch.context.socket(ZMQ_SUB);
     void* socket = watch.events.get();
     const Socket news = socket != nullptr ? openEvents(watch.context.get(), socket) : Socket{};
     if (!news) {
