@@ -19,6 +19,16 @@ set_target_properties(kelbus PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINK_DEPENDS ${kelbus_map})
 
 set(kelbus_package ${CMAKE_INSTALL_LIBDIR}/cmake/kelbus)
+# The prefix is known when it is installed, so the file finds it from its own place. Directories that
+# are absolute stay where they are.
+file(RELATIVE_PATH kelbus_up /p/${CMAKE_INSTALL_LIBDIR}/pkgconfig /p)
+string(REGEX REPLACE "/$" "" kelbus_up "${kelbus_up}")
+set(kelbus_prefix "\${pcfiledir}/${kelbus_up}")
+cmake_path(APPEND kelbus_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
+cmake_path(APPEND kelbus_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(kelbus_prefix "${CMAKE_INSTALL_PREFIX}")
+endif()
 configure_file(client/kelbus.pc.in ${CMAKE_BINARY_DIR}/kelbus.pc @ONLY)
 configure_package_config_file(client/kelbus-config.cmake.in ${CMAKE_BINARY_DIR}/kelbus-config.cmake
   INSTALL_DESTINATION ${kelbus_package})

@@ -8,10 +8,12 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/kelbus-install.XXXXXX")
 trap 'rm -rf -- "$work"' EXIT
 prefix=$work/usr
 
-cmake --install "$build" --prefix "$prefix" >"$work/log"
+# Moved after its installation: both packages find their own place.
+cmake --install "$build" --prefix "$work/first" >"$work/log"
+mv "$work/first" "$prefix"
 pc=$(find "$prefix" -name kelbus.pc)
 export PKG_CONFIG_PATH=${pc%/*}
-flags() { pkg-config --define-variable=prefix="$prefix" "$@" kelbus; }
+flags() { pkg-config "$@" kelbus; }
 
 # shellcheck disable=SC2046 # words
 {
