@@ -33,7 +33,10 @@ kelbus_error absent(const char* address, std::string& message) {
 
 kelbus_error forbidden(const char* address, std::string& message) {
     message = "no permission to use ";
-    message.append(address + kIpc.size()).append("; it is open to the service's user and group");
+    message.append(address + kIpc.size())
+        .append("; it is open to the service's user and to the group kelbus: usermod -aG kelbus "
+                "USER, and log "
+                "in anew");
     return KELBUS_REFUSED;
 }
 

@@ -22,6 +22,7 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kWriteOfOthers = S_IWGRP | S_IWOTH;
+constexpr mode_t kUseByGroup = S_IRGRP | S_IXGRP;
 constexpr const char* kLockName = "kelconfd.lock";
 constexpr mode_t kLockMode = 0600;
 
@@ -55,6 +56,21 @@ void nameHolder(const Fd& lock) {
     }
 }
 
+// The bus's group, once this process has taken it on. Written before there is another thread.
+std::optional<gid_t> group_of_process;
+
+// A group that the system has got since the directory was made is let in from now on.
+bool giveToBusGroup(const Fd& directory, const struct stat& info) {
+    return !group_of_process || info.st_gid == *group_of_process ||
+           fchown(directory.get(), static_cast<uid_t>(-1), *group_of_process) == 0;
+}
+
+bool correctMode(const Fd& directory, const struct stat& info) {
+    const mode_t allowed = group_of_process ? kUseByGroup : 0;
+    const mode_t mode = (info.st_mode & ALLPERMS & ~kWriteOfOthers) | allowed;
+    return (info.st_mode & ALLPERMS) == mode || fchmod(directory.get(), mode) == 0;
+}
+
 } // namespace
 
 Fd openRuntimeDirectory(const char* path, uid_t owner) {
@@ -73,8 +89,11 @@ Fd openRuntimeDirectory(const char* path, uid_t owner) {
     if (info.st_uid != owner) {
         return refuse(path, "it belongs to another user");
     }
-    const mode_t narrowed = info.st_mode & ALLPERMS & ~kWriteOfOthers;
-    if ((info.st_mode & kWriteOfOthers) != 0 && fchmod(directory.get(), narrowed) != 0) {
+    if (!giveToBusGroup(directory, info)) {
+        keldebug(kLogWarning, kToBoth, "%s stays closed to the bus's group: %s\n", path,
+                 std::strerror(errno));
+    }
+    if (!correctMode(directory, info)) {
         return refuse(path, "others may write to it");
     }
     return directory;
@@ -106,6 +125,7 @@ void restrictFileModes() {
     if (group && !shared) {
         keldebug(kLogWarning, kToBoth, "no right to the bus's group, serving the own user only\n");
     }
+    group_of_process = shared ? group : std::nullopt;
     umask(shared ? S_IRWXO : S_IRWXG | S_IRWXO);
 }
 

@@ -13,7 +13,8 @@ namespace kelconf {
 // Opens the directory at `path`, made with mode 0755 where it is missing. An existing one must be
 // a real directory, not a link to one, and belong to `owner`: in a place where everybody may make
 // names, anything else was put there by somebody else. Write permission for others than the owner
-// is taken away. Empty when the directory must not be used.
+// is taken away; where restrictFileModes has taken on the bus's group, the directory is given to
+// it, an older one as well. Empty when the directory must not be used.
 Fd openRuntimeDirectory(const char* path, uid_t owner);
 
 // Takes the daemon's lock, the file kelconfd.lock in the directory, for as long as the result
