@@ -36,6 +36,24 @@ install_packages() {
         fail "the packages could not be installed; the reason stands above"
 }
 
+# check_roots: makes sure that this machine lets bubblewrap make a device root, before a long build.
+check_roots() {
+    local said
+    ! said=$(bwrap --ro-bind / / --dev /dev --proc /proc --unshare-pid --unshare-net true 2>&1) || return 0
+    printf '%s\n' "$said"
+    case $said in
+        *"make / slave"*)
+            fail "no device root can be made here: / is no mount point, as in a plain chroot. Leave it, run
+  mount --rbind DIR DIR     (its directory), and enter it anew" ;;
+        *)
+            fail "no device root can be made here. An ordinary user needs user namespaces:
+  sudo sysctl kernel.unprivileged_userns_clone=1             (older Debian kernels)
+  sudo sysctl user.max_user_namespaces=15000                 (limit set to 0)
+  sudo sysctl kernel.apparmor_restrict_unprivileged_userns=0 (denied by AppArmor)
+or run this as root. In a container, allow it to mount (for example --privileged)." ;;
+    esac
+}
+
 # as_root COMMAND...: runs it as root, with sudo where that is needed.
 as_root() {
     if [ "$EUID" -eq 0 ]; then

@@ -45,7 +45,10 @@ constexpr const char* kCure =
     "    sudo sysctl kernel.unprivileged_userns_clone=1             (older Debian kernels)\n"
     "    sudo sysctl user.max_user_namespaces=15000                 (limit set to 0)\n"
     "    sudo sysctl kernel.apparmor_restrict_unprivileged_userns=0 (denied by AppArmor)\n"
-    "  or run as root. In a container, allow it to mount (for example --privileged).\n";
+    "  or run as root. In a container, allow it to mount (for example --privileged). In a plain\n"
+    "  chroot (\"Failed to make / slave\") its directory has to be a mount point: leave it, run\n"
+    "    mount --rbind DIR DIR\n"
+    "  and enter it anew.\n";
 
 // Owns a file descriptor; -1 is empty.
 class Fd {
