@@ -75,7 +75,6 @@ void completeLiveDatabase(bool fresh) {
     if (storageFaultNoted()) {
         keldebug(kLogError, kToBoth, "storage failed, names may be missing\n");
     }
-    settleIfWritten();
 }
 
 } // namespace kelconf

@@ -37,15 +37,6 @@ void logFailure(const char* doing, const char* path) {
     keldebug(kLogError, kToBoth, "cannot %s %s: %s\n", doing, path, std::strerror(errno));
 }
 
-bool flushPath(const char* path, int flags) {
-    const Fd file{open(path, flags | O_CLOEXEC)};
-    if (file && fsync(file.get()) == 0) {
-        return true;
-    }
-    logFailure("flush", path);
-    return false;
-}
-
 void protectFile(const char* path) {
     shareWithBusGroup(path);
     struct stat info {};
@@ -84,11 +75,12 @@ std::uint64_t sizeOfFile(const char* path) {
 }
 
 bool flushDirectory(const char* path) {
-    return flushPath(path, O_RDONLY | O_DIRECTORY);
-}
-
-bool flushFile(const char* path) {
-    return flushPath(path, O_RDONLY);
+    const Fd directory{open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (directory && fsync(directory.get()) == 0) {
+        return true;
+    }
+    logFailure("flush", path);
+    return false;
 }
 
 void removeCompanions() {

@@ -16,7 +16,6 @@ std::uint64_t sizeOfFile(const char* path);
 // Makes the names in a directory, those of files that are new, replaced or gone, as durable as the
 // storage can.
 bool flushDirectory(const char* path);
-bool flushFile(const char* path);
 
 // Journal, write-ahead log and its index: nothing of them may outlive the database they belong to.
 void removeCompanions();

@@ -15,9 +15,10 @@ namespace kelconf {
 
 namespace {
 
-// From here on a start can tell that the file is whole.
+// Its bytes are on disk already, by SQLite's commit or the copy that made it. From here on a start
+// can tell that the file is whole.
 bool vouchForReplacement() {
-    return flushFile(paths::kLiveNew) && createFileMD5(paths::kLiveNew, paths::kLiveNewMd5) &&
+    return createFileMD5(paths::kLiveNew, paths::kLiveNewMd5) &&
            flushDirectory(paths::kConfDirectory);
 }
 
