@@ -241,7 +241,8 @@ Image Disk::imageOf(Names names, const std::vector<Atom>& atoms, const Choice& c
     Image image;
     for (const auto& [path, number] : names) {
         const File& file = files_.at(number);
-        const Chosen& now = chosen.try_emplace(number, "", file.durable.size()).first->second;
+        const Chosen& now =
+            chosen.try_emplace(number, Chosen{"", file.durable.size(), {}}).first->second;
         auto& content = made_[std::to_string(number) + " " + std::to_string(file.epoch) + now.key];
         if (!content) {
             std::string bytes = file.durable;
@@ -368,10 +369,8 @@ double eachChoice(const std::vector<std::size_t>& choices, std::size_t most,
         }
         for (std::size_t i = 1; i < count; ++i) {
             const auto split = static_cast<std::ptrdiff_t>(i);
-            chosen.push_back(kept);
-            std::fill(chosen.back().begin() + split, chosen.back().end(), 0);
-            chosen.push_back(kept);
-            std::fill(chosen.back().begin(), chosen.back().begin() + split, 0);
+            std::fill_n(chosen.emplace_back(kept).begin(), split, 0);
+            std::fill_n(chosen.emplace_back(kept).rbegin(), split, 0);
         }
         // By turns two things lost, and anything.
         std::mt19937_64 random{2011}; // NOLINT: the same selection in every run

@@ -16,8 +16,6 @@
 namespace kelconf::powercut {
 namespace {
 
-const std::map<std::string, Model> kModels{{"ordered", Model::kOrdered}, {"loose", Model::kLoose}};
-
 struct Options {
     std::size_t most = 48;    // ways at each position (ordered: and prefix)
     std::size_t images = 500; // of a scene and model
@@ -212,7 +210,8 @@ int main(int count, char** words) {
     app.add_option("--scene", options.scenes);
     app.add_option("--images", options.images)->check(CLI::PositiveNumber);
     app.add_option("--model", options.models)
-        ->transform(CLI::CheckedTransformer(kModels))
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, Model>{{"ordered", Model::kOrdered}, {"loose", Model::kLoose}}))
         ->expected(1);
     app.add_flag("--short", selection);
     app.add_flag("--keep", options.keep);

@@ -101,7 +101,7 @@ class Stage {
 
     void step(const Words& words) {
         const std::string& verb = words.at(0);
-        if (std::exchange(begun_, true) == false && verb != "tree") {
+        if (!std::exchange(begun_, true) && verb != "tree") {
             setTree({});
         }
         if (verb == "tree") {
