@@ -10,7 +10,7 @@ namespace kelconf {
 
 namespace {
 
-constexpr int kMostSockets = 16384; // a client has up to eight, a watch one
+constexpr int kMostSockets = 16384; // three for a connection of a client, one or three for a watch
 
 struct SharedContext {
     std::mutex mutex;

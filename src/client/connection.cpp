@@ -45,12 +45,6 @@ kelbus_error noSocket(std::string& message) {
     return KELBUS_NO_MEMORY;
 }
 
-void close(Connection& connection) {
-    connection.requests.reset();
-    connection.events.reset();
-    connection.ready = false;
-}
-
 kelbus_error open(const ContextUse& context, Connection& connection, const char* address,
                   std::string& message) {
     switch (probeEndpoint(address)) {
@@ -83,49 +77,12 @@ bool alive(Connection& connection, const char* address) {
     return !news.lost && (connection.ready || probeEndpoint(address) == Listener::kThere);
 }
 
-kelbus_error receive(Connection& connection, const char* address, Message& reply,
-                     const Deadline& deadline, std::string& message) {
-    void* socket = connection.requests.get();
-    for (;;) {
-        setSocketOption(socket, ZMQ_RCVTIMEO, deadline.left(kSlice));
-        if (reply.receive(socket, 0) >= 0) {
-            return KELBUS_OK;
-        }
-        if (zmq_errno() != EAGAIN && zmq_errno() != EINTR) {
-            return noSocket(message);
-        }
-        if (!alive(connection, address)) {
-            message = "the configuration service ended before it answered";
-            return KELBUS_NO_SERVICE;
-        }
-        if (deadline.over()) {
-            message = "the configuration service did not answer in time";
-            return KELBUS_TIMEOUT;
-        }
+kelbus_error whole(Message& reply, std::string& message) {
+    if (!reply.more()) {
+        return KELBUS_OK;
     }
-}
-
-kelbus_error tryExchange(const ContextUse& context, Connection& connection, const char* address,
-                         std::string_view request, Message& reply, const Deadline& deadline,
-                         std::string& message) {
-    if (connection.requests && readNews(connection.events.get()).lost) {
-        close(connection);
-    }
-    if (!connection.requests) {
-        const kelbus_error error = open(context, connection, address, message);
-        if (error != KELBUS_OK) {
-            return error;
-        }
-    }
-    if (zmq_send(connection.requests.get(), request.data(), request.size(), ZMQ_DONTWAIT) < 0) {
-        return noSocket(message);
-    }
-    const kelbus_error error = receive(connection, address, reply, deadline, message);
-    if (error == KELBUS_OK && reply.more()) {
-        message = "the answer has several parts";
-        return KELBUS_BROKEN_REPLY;
-    }
-    return error;
+    message = "the answer has several parts";
+    return KELBUS_BROKEN_REPLY;
 }
 
 } // namespace
@@ -182,15 +139,48 @@ ConnectionNews readNews(void* events) {
     return news;
 }
 
-kelbus_error exchange(const ContextUse& context, Connection& connection, const char* address,
-                      std::string_view request, Message& reply, const Deadline& deadline,
-                      std::string& message) {
-    const kelbus_error error =
-        tryExchange(context, connection, address, request, reply, deadline, message);
-    if (error != KELBUS_OK) {
-        close(connection);
+kelbus_error sendRequest(const ContextUse& context, Connection& connection, const char* address,
+                         std::string_view request, std::string& message) {
+    if (connection.requests && readNews(connection.events.get()).lost) {
+        closeConnection(connection);
     }
-    return error;
+    if (!connection.requests) {
+        const kelbus_error error = open(context, connection, address, message);
+        if (error != KELBUS_OK) {
+            return error;
+        }
+    }
+    const int sent =
+        zmq_send(connection.requests.get(), request.data(), request.size(), ZMQ_DONTWAIT);
+    return sent < 0 ? noSocket(message) : KELBUS_OK;
+}
+
+kelbus_error awaitReply(Connection& connection, const char* address, Message& reply,
+                        const Deadline& deadline, std::string& message) {
+    void* socket = connection.requests.get();
+    for (;;) {
+        setSocketOption(socket, ZMQ_RCVTIMEO, deadline.left(kSlice));
+        if (reply.receive(socket, 0) >= 0) {
+            return whole(reply, message);
+        }
+        if (zmq_errno() != EAGAIN && zmq_errno() != EINTR) {
+            return noSocket(message);
+        }
+        if (!alive(connection, address)) {
+            message = "the configuration service ended before it answered";
+            return KELBUS_NO_SERVICE;
+        }
+        if (deadline.over()) {
+            message = "the configuration service did not answer in time";
+            return KELBUS_TIMEOUT;
+        }
+    }
+}
+
+void closeConnection(Connection& connection) {
+    connection.requests.reset();
+    connection.events.reset();
+    connection.ready = false;
 }
 
 } // namespace kelconf

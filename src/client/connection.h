@@ -41,10 +41,16 @@ ConnectionNews readNews(void* events);
 // Empty on failure.
 Socket openEvents(void* context, void* socket);
 
-// Sends a request and waits for its reply. Opens the connection where needed and closes it on any
-// failure, so that a late reply is never read. On failure `message` says what happened.
-kelbus_error exchange(const ContextUse& context, Connection& connection, const char* address,
-                      std::string_view request, Message& reply, const Deadline& deadline,
-                      std::string& message);
+// Sends a request, which has to be answered before the next one; opens the connection where needed.
+// On failure `message` says what happened, and the connection is of no use any more.
+kelbus_error sendRequest(const ContextUse& context, Connection& connection, const char* address,
+                         std::string_view request, std::string& message);
+
+// Waits for the reply. KELBUS_TIMEOUT: it may still come. Any other failure as above.
+kelbus_error awaitReply(Connection& connection, const char* address, Message& reply,
+                        const Deadline& deadline, std::string& message);
+
+// Closes it: a reply that comes late is never read.
+void closeConnection(Connection& connection);
 
 } // namespace kelconf

@@ -4,6 +4,15 @@
 
 namespace kelconf {
 
+namespace {
+
+void show(ValueList& list) {
+    list.count = list.parameters.size();
+    list.items = list.parameters.data();
+}
+
+} // namespace
+
 std::unique_ptr<ValueList> makeValueList(ReplyDocument&& document) {
     auto list = std::make_unique<ValueList>();
     list->texts = std::move(document.texts);
@@ -12,9 +21,15 @@ std::unique_ptr<ValueList> makeValueList(ReplyDocument&& document) {
     for (const ReplyParameter& parameter : document.parameters) {
         list->parameters.push_back({texts + parameter.name, texts + parameter.value});
     }
-    list->count = list->parameters.size();
-    list->items = list->parameters.data();
+    show(*list);
     return list;
+}
+
+void keepPrefix(ValueList& list, std::string_view prefix) {
+    std::erase_if(list.parameters, [&](const kelbus_parameter& parameter) {
+        return !std::string_view{parameter.name}.starts_with(prefix);
+    });
+    show(list);
 }
 
 } // namespace kelconf

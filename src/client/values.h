@@ -17,4 +17,7 @@ struct ValueList : kelbus_values {
 // Takes the texts over. Throws std::bad_alloc.
 std::unique_ptr<ValueList> makeValueList(ReplyDocument&& document);
 
+// Drops the parameters whose names do not begin so.
+void keepPrefix(ValueList& list, std::string_view prefix);
+
 } // namespace kelconf
