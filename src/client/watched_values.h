@@ -16,8 +16,8 @@ class WatchedValues {
     // outlives this, is told of the answer. KELBUS_OK also when the service has just ended.
     kelbus_error fetch(const Fd& poller);
 
-    // Takes the answer when it is there. An error ends the reading, and the next call of this begins
-    // it anew; the end of the service is none.
+    // Takes the answer when it is there. An error ends the reading, and the next call of this
+    // begins it anew; the end of the service is none.
     kelbus_error advance();
 
     // The answer is on its way: nothing else may be handed out yet.
