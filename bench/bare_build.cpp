@@ -4,10 +4,11 @@
 //   bare_build TREE DB SIDECAR        parse, insert in one transaction, VACUUM, digest
 //   bare_build check DB SIDECAR       the digest against the sidecar, then one scan
 
+#include "qlibc/use_qlibc.h"
+
 #include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
-#include <qlibc/qlibcext.h>
 #include <sqlite3.h>
 #include <unistd.h>
 

@@ -1,7 +1,8 @@
 #include "bare_store.h"
 
+#include "qlibc/use_qlibc.h"
+
 #include <fcntl.h>
-#include <qlibc/qlibcext.h>
 #include <sqlite3.h>
 #include <unistd.h>
 

@@ -4,9 +4,9 @@
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
 #include "paths.h"
+#include "qlibc/use_qlibc.h"
 
 #include <fcntl.h>
-#include <qlibc/qlibcext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include <qlibc/qlibc.h>
+#include "qlibc/use_qlibc.h"
 
 #include <array>
 #include <cstdint>

@@ -1,6 +1,7 @@
+#include "qlibc/use_qlibc.h"
+
 #include <fcntl.h>
 #include <md5.h>
-#include <qlibc/qlibc.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -10,9 +10,9 @@
 // with another lock.
 #pragma once
 
+#include "qlibc/use_qlibc.h"
+
 #include <pthread.h>
-#include <qlibc/qlibc.h>
-#include <qlibc/qlibcext.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -4,12 +4,11 @@
 #include "files/md5_sidecar.h"
 #include "log/keldebug.h"
 #include "paths.h"
+#include "qlibc/use_qlibc.h"
 #include "service/param_list.h"
 #include "service/storage.h"
 #include "text/text.h"
 
-#include <qlibc/qlibc.h>
-#include <qlibc/qlibcext.h>
 #include <unistd.h>
 
 #include <cstring>

@@ -1,6 +1,7 @@
 // The calls of qLibc that the system uses: the same of the stand-in and of the library.
+#include "qlibc/use_qlibc.h"
+
 #include <gtest/gtest.h>
-#include <qlibc/qlibcext.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

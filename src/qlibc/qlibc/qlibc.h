@@ -1,6 +1,7 @@
 // Stand-in for the calls of qLibc that the system uses, under the library's names and with its C
 // linkage, for hosts where the library is not installed. Where it is installed this directory is
-// not on the include path and the library itself is linked (qlibc.cmake).
+// not on the include path and the library itself is linked (qlibc.cmake). Include it through
+// qlibc/use_qlibc.h.
 //
 // Memory handed out is malloc memory: the caller releases it with free.
 #pragma once
@@ -10,6 +11,9 @@
 #include <cstddef>
 
 extern "C" {
+
+// The library's headers do not compile without <stdio.h> before them: nor does this one.
+using qlibc_stream = FILE;
 
 // MD5 of `nbytes` bytes of a file from `offset`, both in bytes; nbytes 0 means up to the end of
 // the file. Writes the 16 raw bytes of the digest to `retbuf`. False with errno set when the
