@@ -101,6 +101,7 @@ void rebuild() {
     shrinkDB(paths::kDefaultDb);
     if (storageFaultNoted()) {
         removeSeal();
+        checkHash(paths::kDefaultDb); // for its record
         keldebug(kLogError, kToBoth, "default database incomplete, not sealed\n");
         return;
     }

@@ -1,7 +1,7 @@
 #include "cli/input.h"
 
+#include "base/fd.h"
 #include "cli/output.h"
-#include "files/fd.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include "cli/store_state.h"
 
+#include "base/fd.h"
 #include "db/sqlite_handle.h"
-#include "files/fd.h"
 
 #include <fcntl.h>
 #include <md5.h>

@@ -5,7 +5,7 @@
 #include "client/client.h"
 #include "client/unknown_names.h"
 #include "client/values.h"
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <memory>
 #include <optional>

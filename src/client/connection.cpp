@@ -1,6 +1,6 @@
 #include "client/connection.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,6 +1,6 @@
 #include "client/headroom.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <fcntl.h>
 #include <pthread.h>

@@ -5,7 +5,7 @@
 #include "client/deadline.h"
 #include "client/reply_document.h"
 #include "client/watched_values.h"
-#include "files/fd.h"
+#include "base/fd.h"
 #include "kelbus.h"
 
 #include <poll.h>

@@ -2,7 +2,7 @@
 // waiting.
 #pragma once
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "kelbus.h"
 
 #include <cstddef>

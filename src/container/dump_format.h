@@ -1,11 +1,11 @@
-// What writing and reading a dump share: the header's layout and the file's handle.
+// What writing and reading a dump share: the header's layout and the way to fail.
 #pragma once
 
+#include "base/big_endian.h"
 #include "container/simlist_dump.h"
 
-#include <unistd.h>
-
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,23 +16,6 @@ inline constexpr std::uint16_t kDumpVersion = 1;
 
 using DumpHeader = std::array<std::uint8_t, kDumpHeaderBytes>;
 using DumpTrailer = std::array<std::uint8_t, sizeof(std::uint32_t)>;
-
-template <typename T>
-void putBigEndian(std::uint8_t* to, T value) {
-    for (std::size_t i = sizeof(T); i-- > 0;) {
-        to[i] = static_cast<std::uint8_t>(value & 0xffU);
-        value = static_cast<T>(std::uint64_t{value} >> 8);
-    }
-}
-
-template <typename T>
-T getBigEndian(const std::uint8_t* from) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        value = value << 8 | from[i];
-    }
-    return static_cast<T>(value);
-}
 
 inline DumpHeader packHeader(const simlist_dump_info& info) {
     DumpHeader header{};
@@ -58,28 +41,10 @@ inline simlist_dump_info unpackHeader(const DumpHeader& header) {
     return info;
 }
 
-// Owner of an open descriptor; -1 owns none.
-class DumpFile {
-  public:
-    explicit DumpFile(int descriptor) : descriptor_{descriptor} {}
-    ~DumpFile() { static_cast<void>(close()); }
-    DumpFile(const DumpFile&) = delete;
-    DumpFile& operator=(const DumpFile&) = delete;
-    DumpFile(DumpFile&&) = delete;
-    DumpFile& operator=(DumpFile&&) = delete;
-
-    [[nodiscard]] int descriptor() const { return descriptor_; }
-
-    // False with errno set when what was written may not have arrived. An errno that is set
-    // already survives a close without fault.
-    bool close() {
-        const int descriptor = descriptor_;
-        descriptor_ = -1;
-        return descriptor < 0 || ::close(descriptor) == 0;
-    }
-
-  private:
-    int descriptor_;
-};
+// False, with errno set.
+inline bool fail(int error) {
+    errno = error;
+    return false;
+}
 
 } // namespace kelconf

@@ -50,40 +50,12 @@ void placeMiddle(simlist* list) {
         list->count == 0 ? nullptr : positionIndexAt(*list->index, (list->count - 1) / 2);
 }
 
-// Keeps `middle` after one record came in at `position`; `count` counts it already.
-void followInsertion(simlist* list, simlist_element* record, std::uint32_t position) {
-    const std::uint32_t half = (list->count - 1) / 2;
-    if (list->count == 1) {
-        list->middle = record;
-    } else if (list->count % 2 == 1) {
-        list->middle = position >= half ? list->middle->next : list->middle;
-    } else {
-        list->middle = position <= half ? list->middle->prev : list->middle;
-    }
-}
-
-// Keeps `middle` for the removal of the record at `position`, which is linked and counted yet.
-void leaveBeforeRemoval(simlist* list, std::uint32_t position) {
-    const std::uint32_t half = list->count / 2;
-    if (list->count == 1) {
-        list->middle = nullptr;
-    } else if (list->count % 2 == 1) {
-        list->middle = position >= half ? list->middle->prev : list->middle;
-    } else {
-        list->middle = position < half ? list->middle->next : list->middle;
-    }
-}
-
-bool isFree(const simlist* list) {
-    return list->iterator_active == 0;
-}
-
 // Unlinks the record at `position` and returns its data.
 void* takeOut(simlist* list, std::uint32_t position) {
     simlist_element* record = positionIndexAt(*list->index, position);
-    positionIndexRemove(*list->index, position);
-    leaveBeforeRemoval(list, position);
+    positionIndexRemove(*list->index, position, 1);
     --list->count;
+    placeMiddle(list);
     join(record->prev, record->next);
     void* data = record->data;
     releaseRecord(list, record);
@@ -148,7 +120,7 @@ void simlist_destroy(simlist* list) {
 }
 
 std::int32_t simlist_clear(simlist* list) {
-    if (!isFree(list)) {
+    if (isIterating(list)) {
         return -1;
     }
     empty(list);
@@ -212,25 +184,13 @@ std::int32_t simlist_empty(const simlist* list) {
     return list->count == 0 ? 1 : 0;
 }
 
-simlist_element* simlist_record_at(const simlist* list, std::int64_t position) {
-    if (position < -1 || position > std::int64_t{list->count}) {
-        return nullptr;
-    }
-    if (position == -1) {
-        return list->head;
-    }
-    return position == std::int64_t{list->count}
-               ? list->tail
-               : positionIndexAt(*list->index, static_cast<std::uint32_t>(position));
-}
-
 void* simlist_get_at(const simlist* list, std::uint32_t position) {
     // As signed values, the positions from 2^31 on lie before the list: one comparison serves.
     return position < list->count ? positionIndexAt(*list->index, position)->data : nullptr;
 }
 
 std::int32_t simlistStoreAt(simlist* list, void* data, std::uint32_t position) {
-    if (!isFree(list) || position > list->count || list->count >= kMostElements) {
+    if (isIterating(list) || position > list->count || list->count >= kMostElements) {
         return -1;
     }
     simlist_element* record = takeRecord(list);
@@ -247,7 +207,7 @@ std::int32_t simlistStoreAt(simlist* list, void* data, std::uint32_t position) {
     join(after->prev, record);
     join(record, after);
     ++list->count;
-    followInsertion(list, record, position);
+    placeMiddle(list);
     return 1;
 }
 
@@ -256,7 +216,7 @@ std::int32_t simlist_insert_at(simlist* list, const void* data, std::uint32_t po
     if (list->copy_data == 0 || data == nullptr) {
         return simlistStoreAt(list, const_cast<void*>(data), position);
     }
-    if (!isFree(list) || position > list->count) {
+    if (isIterating(list) || position > list->count) {
         return -1;
     }
     const std::size_t size = list->meter(data);
@@ -281,25 +241,18 @@ std::int32_t simlist_prepend(simlist* list, const void* data) {
 }
 
 std::int32_t simlist_delete_at(simlist* list, std::uint32_t position) {
-    if (!isFree(list) || position >= list->count) {
-        return -1;
-    }
-    void* data = takeOut(list, position);
-    if (list->copy_data != 0) {
-        std::free(data);
-    }
-    return 0;
+    return simlist_delete_range(list, position, position);
 }
 
 std::int32_t simlist_delete_range(simlist* list, std::uint32_t start, std::uint32_t end) {
-    if (!isFree(list) || end < start || end >= list->count) {
+    if (isIterating(list) || end < start || end >= list->count) {
         return -1;
     }
     simlist_element* first = positionIndexAt(*list->index, start);
     simlist_element* last = positionIndexAt(*list->index, end);
     simlist_element* after = last->next;
     join(first->prev, after);
-    positionIndexRemoveRange(*list->index, start, end - start + 1);
+    positionIndexRemove(*list->index, start, end - start + 1);
     list->count -= end - start + 1;
     releaseChain(list, first, after);
     placeMiddle(list);
@@ -307,7 +260,7 @@ std::int32_t simlist_delete_range(simlist* list, std::uint32_t start, std::uint3
 }
 
 void* simlist_extract_at(simlist* list, std::uint32_t position) {
-    return isFree(list) && position < list->count ? takeOut(list, position) : nullptr;
+    return !isIterating(list) && position < list->count ? takeOut(list, position) : nullptr;
 }
 
 void* simlist_fetch(simlist* list) {

@@ -141,9 +141,4 @@ void* simlist_iterator_next(simlist* list);                 // NULL when none is
 std::int32_t simlist_iterator_hasnext(const simlist* list); // 1 or 0
 std::int32_t simlist_iterator_stop(simlist* list);          // 1; 0 when none is active
 
-// ---- Internal to the container ---------------------------------------------------------------
-
-// The record at a position from -1 (head) to count (tail); NULL outside.
-simlist_element* simlist_record_at(const simlist* list, std::int64_t position);
-
 } // namespace kelconf

@@ -1,6 +1,6 @@
 // Everything that goes through a list from its front: search by content, concatenation, hash,
 // iteration.
-#include "container/simlist.h"
+#include "container/simlist_store.h"
 
 namespace kelconf {
 
@@ -33,10 +33,6 @@ void* best(const simlist* list, std::int32_t sign) {
 
 bool isEqual(const simlist* list, const void* data, const void* element) {
     return list->comparator != nullptr ? list->comparator(data, element) == 0 : data == element;
-}
-
-bool isIterating(const simlist* list) {
-    return list->iterator_active != 0;
 }
 
 } // namespace

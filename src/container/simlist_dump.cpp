@@ -1,5 +1,6 @@
 #include "container/simlist_dump.h"
 
+#include "base/fd.h"
 #include "container/dump_format.h"
 #include "container/simlist_store.h"
 
@@ -56,11 +57,6 @@ bool Writer::put(const void* bytes, std::size_t length) {
         length -= part;
     }
     return true;
-}
-
-bool fail(int error) {
-    errno = error;
-    return false;
 }
 
 // The bytes that stand for one element in a dump.
@@ -194,11 +190,11 @@ std::int32_t simlist_dump_file(const simlist* list, const char* path, std::size_
     if (!hasSizes(list)) {
         return -1;
     }
-    DumpFile file{::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode)};
-    if (file.descriptor() < 0 || !dump(list, file.descriptor(), length)) {
+    Fd file{::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode)};
+    if (!file || !dump(list, file.get(), length)) {
         return -1;
     }
-    return file.close() ? 0 : -1;
+    return file.close();
 }
 
 } // namespace kelconf

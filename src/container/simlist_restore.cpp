@@ -1,3 +1,4 @@
+#include "base/fd.h"
 #include "container/dump_format.h"
 #include "container/simlist_dump.h"
 #include "container/simlist_store.h"
@@ -20,20 +21,6 @@ constexpr std::size_t kFirstRead = 64UL * 1024;
 // Zero bytes behind the raw bytes of an element, so that a meter that looks at a text, or at one
 // number, stays inside the memory whatever the file holds.
 constexpr std::size_t kPadding = 8;
-
-bool fail(int error) {
-    errno = error;
-    return false;
-}
-
-// Bytes read at once, at least one unless the file ends; -1 with errno set.
-ssize_t readSome(int descriptor, void* to, std::size_t size) {
-    ssize_t got = 0;
-    do {
-        got = ::read(descriptor, to, size);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
 
 bool readExactly(int descriptor, std::uint8_t* to, std::size_t size) {
     while (size > 0) {
@@ -192,14 +179,10 @@ bool skip(int descriptor, const simlist_dump_info& info) {
     return ::lseek(descriptor, static_cast<off_t>(info.content_length + prefixes), SEEK_CUR) >= 0;
 }
 
-int openForReading(const char* path) {
-    return ::open(path, O_RDONLY | O_CLOEXEC);
-}
-
 } // namespace
 
 std::int32_t simlist_restore_filedescriptor(simlist* list, int descriptor, std::size_t* length) {
-    if (list->iterator_active != 0) {
+    if (isIterating(list)) {
         errno = EBUSY;
         return -1;
     }
@@ -218,9 +201,8 @@ std::int32_t simlist_restore_filedescriptor(simlist* list, int descriptor, std::
 }
 
 std::int32_t simlist_restore_file(simlist* list, const char* path, std::size_t* length) {
-    const DumpFile file{openForReading(path)};
-    return file.descriptor() < 0 ? -1
-                                 : simlist_restore_filedescriptor(list, file.descriptor(), length);
+    const Fd file{::open(path, O_RDONLY | O_CLOEXEC)};
+    return !file ? -1 : simlist_restore_filedescriptor(list, file.get(), length);
 }
 
 std::int32_t simlist_dump_getinfo_filedescriptor(int descriptor, simlist_dump_info* info) {
@@ -243,9 +225,8 @@ std::int32_t simlist_dump_getinfo_filedescriptor(int descriptor, simlist_dump_in
 }
 
 std::int32_t simlist_dump_getinfo_file(const char* path, simlist_dump_info* info) {
-    const DumpFile file{openForReading(path)};
-    return file.descriptor() < 0 ? -1
-                                 : simlist_dump_getinfo_filedescriptor(file.descriptor(), info);
+    const Fd file{::open(path, O_RDONLY | O_CLOEXEC)};
+    return !file ? -1 : simlist_dump_getinfo_filedescriptor(file.get(), info);
 }
 
 } // namespace kelconf

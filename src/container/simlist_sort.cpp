@@ -7,8 +7,7 @@
 // can be built on which every pivot is a bad one. Such an input would take quadratic time and
 // a stack as deep as the list is long. So each range has a budget of partitions; a range that
 // has used it up is sorted by a heap: O(n log n) comparisons and O(log n) stack for any input.
-#include "container/position_index.h"
-#include "container/simlist.h"
+#include "container/simlist_store.h"
 
 #include <algorithm>
 #include <bit>
@@ -126,7 +125,7 @@ void sortRange(void** items, std::uint32_t count, const Order& order, int budget
 } // namespace
 
 std::int32_t simlist_sort(simlist* list, std::int32_t direction) {
-    if (list->iterator_active != 0 || list->comparator == nullptr) {
+    if (isIterating(list) || list->comparator == nullptr) {
         return -1;
     }
     if (list->count < 2) {

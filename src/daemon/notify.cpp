@@ -1,6 +1,6 @@
 #include "daemon/notify.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

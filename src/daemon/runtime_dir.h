@@ -4,7 +4,7 @@
 // All of these log their failures.
 #pragma once
 
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <sys/types.h>
 

@@ -1,6 +1,6 @@
 #include "files/backup.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "files/md5_sidecar.h"
 #include "paths.h"
 

@@ -1,6 +1,6 @@
 #include "files/md5_sidecar.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
 #include "paths.h"
@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cerrno>
+#include <system_error>
 
 namespace kelconf {
 
@@ -41,6 +42,15 @@ bool digestOf(const char* file, Digest& digest) {
     return qhashmd5_file(file, 0, 0, digest.data());
 }
 
+// The same; a failure is logged.
+bool digestLogged(const char* file, Digest& digest) {
+    if (digestOf(file, digest)) {
+        return true;
+    }
+    keldebug(kLogError, kToBoth, "create hash failed \n");
+    return false;
+}
+
 bool checkDatabasePair(const char* file, const char* sidecar, const char* message) {
     if (!present(sidecar)) {
         return false;
@@ -62,10 +72,14 @@ bool checkTreePair(const char* file, const char* sidecar, const char* message) {
 
 } // namespace
 
+bool checkHash(const char* file) {
+    Digest digest{};
+    return digestLogged(file, digest);
+}
+
 bool createFileMD5(const char* file, const char* sidecar) {
     Digest digest{};
-    if (!digestOf(file, digest)) {
-        keldebug(kLogError, kToBoth, "create hash failed \n");
+    if (!digestLogged(file, digest)) {
         return false;
     }
     const Fd out{open(sidecar, O_RDWR | O_CREAT | O_CLOEXEC, kSidecarMode)};
@@ -133,7 +147,12 @@ bool extTreeFileExist() {
     if (present(paths::kExtTree)) {
         return true;
     }
-    if (errno != ENOENT && errno != ENOTDIR) {
+    const int error = errno;
+    if (error != ENOENT && error != ENOTDIR) {
+        keldebug(kLogError, kToBoth, "%s cannot be looked for: %s\n", paths::kExtTree,
+                 std::generic_category().message(error).c_str());
+    }
+    if (isStorageError(error)) {
         noteStorageFault();
     }
     return false;

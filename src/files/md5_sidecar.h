@@ -11,6 +11,9 @@
 
 namespace kelconf {
 
+// True when the file can be read for its digest; else this is logged ("create hash failed").
+bool checkHash(const char* file);
+
 // Writes the digest of `file` to the first 16 bytes of `sidecar` and flushes it; a new sidecar
 // gets mode 0644. When the file cannot be read this is logged and the sidecar is not touched;
 // when the sidecar cannot be opened it stays as it is, silently. True when the digest is on disk.
@@ -32,7 +35,8 @@ bool checkExtXMLFileStatus();
 bool checkDefaultFile();
 bool checkConfFile();
 bool checkConfBackupFile();
-// Logs nothing. An answer that the storage refused to give is noted as a storage fault.
+// Absence is not logged, any other reason why there is no answer is; a failure of the storage is
+// noted too (files/storage_fault.h).
 bool extTreeFileExist();
 
 } // namespace kelconf

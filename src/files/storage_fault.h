@@ -11,6 +11,10 @@
 
 namespace kelconf {
 
+// Whether an errno says that the storage or the memory failed, which may be over at the next
+// start, and not that a file is absent, closed to us or of the wrong kind.
+[[nodiscard]] bool isStorageError(int error) noexcept;
+
 void noteStorageFault() noexcept;
 [[nodiscard]] bool storageFaultNoted() noexcept;
 // For the start of the next piece of work, and for tests.

@@ -1,6 +1,6 @@
 #include "files/stored_file.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "paths.h"
 
 #include <fcntl.h>

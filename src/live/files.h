@@ -2,7 +2,7 @@
 // Failures are logged. backup_mutex is held around all but protectStoredFiles.
 #pragma once
 
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <cstdint>
 

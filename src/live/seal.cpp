@@ -1,6 +1,6 @@
 #include "live/seal.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "files/md5_sidecar.h"
 #include "live/files.h"
 #include "live/judge.h"

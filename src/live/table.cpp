@@ -11,8 +11,6 @@
 #include "log/keldebug.h"
 #include "paths.h"
 
-#include <sys/stat.h>
-
 #include <string>
 
 namespace kelconf {
@@ -80,11 +78,6 @@ bool storeRowByRow(const std::vector<StoredChange>& changes, bool refused) {
     return refused;
 }
 
-bool present(const char* path) {
-    struct stat info {};
-    return stat(path, &info) == 0 && S_ISREG(info.st_mode);
-}
-
 } // namespace
 
 void storeChanges(const std::vector<StoredChange>& changes, bool& refused) {
@@ -102,8 +95,8 @@ void sealChanges() {
     }
     if (liveFile() != LiveFile::kLost) {
         sealLiveDatabase();
-    } else if (!present(paths::kLiveDb)) {
-        createFileMD5(paths::kLiveDb, paths::kLiveDbMd5); // says that it cannot
+    } else {
+        checkHash(paths::kLiveDb); // for its record
     }
 }
 

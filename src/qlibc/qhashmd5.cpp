@@ -1,3 +1,4 @@
+#include "base/fd.h"
 #include "qlibc/use_qlibc.h"
 
 #include <fcntl.h>
@@ -13,35 +14,6 @@ namespace {
 
 constexpr std::size_t kReadBytes = 256UL * 1024;
 
-class File {
-  public:
-    explicit File(const char* path) : fd_{::open(path, O_RDONLY | O_CLOEXEC)} {}
-    ~File() {
-        if (fd_ >= 0) {
-            const int error = errno; // the caller wants to know why the reading failed
-            ::close(fd_);
-            errno = error;
-        }
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    File(File&&) = delete;
-    File& operator=(File&&) = delete;
-
-    [[nodiscard]] int fd() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-ssize_t readSome(int fd, std::uint8_t* buffer, std::size_t size) {
-    ssize_t got = 0;
-    do {
-        got = ::read(fd, buffer, size);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
 // `wanted`: bytes to digest; 0: all up to the end.
 bool digest(int fd, std::size_t wanted, MD5_CTX& md5) {
     const std::unique_ptr<std::uint8_t[]> buffer{new (std::nothrow) std::uint8_t[kReadBytes]};
@@ -52,7 +24,8 @@ bool digest(int fd, std::size_t wanted, MD5_CTX& md5) {
     std::size_t done = 0;
     while (wanted == 0 || done < wanted) {
         const std::size_t left = wanted == 0 ? kReadBytes : wanted - done;
-        const ssize_t got = readSome(fd, buffer.get(), left < kReadBytes ? left : kReadBytes);
+        const ssize_t got =
+            kelconf::readSome(fd, buffer.get(), left < kReadBytes ? left : kReadBytes);
         if (got < 0) {
             return false;
         }
@@ -76,13 +49,13 @@ bool qhashmd5_file(const char* filepath, off_t offset, ssize_t nbytes, void* ret
         errno = EINVAL;
         return false;
     }
-    const File file{filepath};
-    if (file.fd() < 0 || (offset > 0 && ::lseek(file.fd(), offset, SEEK_SET) < 0)) {
+    const kelconf::Fd file{::open(filepath, O_RDONLY | O_CLOEXEC)};
+    if (!file || (offset > 0 && ::lseek(file.get(), offset, SEEK_SET) < 0)) {
         return false;
     }
     MD5_CTX md5;
     MD5Init(&md5);
-    if (!digest(file.fd(), static_cast<std::size_t>(nbytes), md5)) {
+    if (!digest(file.get(), static_cast<std::size_t>(nbytes), md5)) {
         return false;
     }
     MD5Final(static_cast<std::uint8_t*>(retbuf), &md5);

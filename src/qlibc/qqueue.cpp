@@ -1,3 +1,4 @@
+#include "base/owned.h"
 #include "qlibc/use_qlibc.h"
 
 #include <cerrno>
@@ -10,12 +11,8 @@
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(void* data) const noexcept { std::free(data); }
-};
-
 struct Record {
-    std::unique_ptr<void, FreeDeleter> data;
+    kelconf::Owned<void> data;
     std::size_t size = 0;
     std::unique_ptr<Record> next;
 };

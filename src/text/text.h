@@ -6,8 +6,9 @@
 // libraries that speak C (qLibc, ZeroMQ callers) may take them over.
 #pragma once
 
+#include "base/owned.h"
+
 #include <cstddef>
-#include <memory>
 #include <string_view>
 
 namespace kelconf {
@@ -38,11 +39,7 @@ bool replaceText(char*& slot, std::string_view text) noexcept;
     return text == nullptr ? std::string_view{} : std::string_view{text};
 }
 
-struct TextDeleter {
-    void operator()(char* text) const noexcept { freeText(text); }
-};
-
 // Owner of a text until a record takes it over (release()).
-using OwnedText = std::unique_ptr<char, TextDeleter>;
+using OwnedText = Owned<char>;
 
 } // namespace kelconf

@@ -14,8 +14,10 @@
 #include <malloc.h>
 #include <strings.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string_view>
+#include <system_error>
 
 namespace kelconf {
 
@@ -36,11 +38,21 @@ void reportWalk(const TreeWalkResult& walk) {
     }
 }
 
-// False, with nothing done but the log line, when the tree cannot be parsed.
+// An absent file and a directory need no more words than the message that follows.
+void reportUnreadable(const char* tree, int error) {
+    if (error != 0 && error != ENOENT && error != EISDIR) {
+        keldebug(kLogError, kToBoth, "%s cannot be read: %s\n", tree,
+                 std::generic_category().message(error).c_str());
+    }
+}
+
+// False, with nothing done but the records, when the tree cannot be parsed.
 template <typename Write>
 bool buildFrom(const char* tree, Write write) {
-    XmlDoc document = readTreeFile(tree);
+    int error = 0;
+    XmlDoc document = readTreeFile(tree, &error);
     if (!document) {
+        reportUnreadable(tree, error);
         keldebug(kLogError, kToBoth, "error: could not parse file ");
         return false;
     }

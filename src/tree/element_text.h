@@ -1,5 +1,6 @@
-// Text of XML elements and attributes as libxml2's xmlNodeGetContent and xmlGetProp give it,
-// but with a bound: an entity of a few bytes can stand for gigabytes.
+// Text of XML elements and attributes, with a bound: an entity of a few bytes can stand for
+// gigabytes. Within it the text is what libxml2's xmlNodeGetContent and xmlGetProp give, but for
+// comments and processing instructions: here they have none inside entities either.
 #pragma once
 
 #include <libxml/tree.h>

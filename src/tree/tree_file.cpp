@@ -1,12 +1,11 @@
 #include "tree/tree_file.h"
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "files/storage_fault.h"
 
 #include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/xmlIO.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -31,7 +30,8 @@ void* openTree(const char* /*name*/) {
     if (reading.path == nullptr) {
         return nullptr;
     }
-    reading.fd = Fd{open(reading.path, O_RDONLY | O_CLOEXEC)};
+    // A pipe that nobody writes to is not waited for.
+    reading.fd = Fd{open(reading.path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     reading.path = nullptr;
     if (!reading.fd) {
         reading.error = errno;
@@ -42,10 +42,7 @@ void* openTree(const char* /*name*/) {
 
 int readTree(void* context, char* buffer, int length) {
     auto& state = *static_cast<Reading*>(context);
-    ssize_t got = 0;
-    do {
-        got = read(state.fd.get(), buffer, static_cast<std::size_t>(length));
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = readSome(state.fd.get(), buffer, static_cast<std::size_t>(length));
     if (got < 0) {
         state.error = errno;
     }
@@ -64,22 +61,21 @@ void takeOverInput() {
     static_cast<void>(registered);
 }
 
-bool isStorageFault(int error) {
-    return error != 0 && error != ENOENT && error != ENOTDIR && error != EISDIR;
-}
-
 } // namespace
 
-XmlDoc readTreeFile(const char* path) {
+XmlDoc readTreeFile(const char* path, int* error) {
     takeOverInput();
     reading = Reading{path, Fd{}, 0};
     XmlDoc document{xmlReadFile(path, nullptr, XML_PARSE_BIG_LINES)};
-    const int error = reading.error;
+    const int failure = reading.error;
     reading = Reading{};
-    if (isStorageFault(error)) {
+    if (isStorageError(failure)) {
         noteStorageFault();
     }
-    return error == 0 ? std::move(document) : nullptr;
+    if (error != nullptr) {
+        *error = failure;
+    }
+    return failure == 0 ? std::move(document) : nullptr;
 }
 
 } // namespace kelconf

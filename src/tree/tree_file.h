@@ -16,7 +16,8 @@ using XmlDoc = std::unique_ptr<xmlDoc, FreeXmlDoc>;
 // what is wrong with it on standard error. Null when there is no file, when it cannot be read to
 // its end, or when it is not well-formed. Only the file itself is ever opened: entities that refer
 // to other files stay empty, and a compressed file is not a tree. A failure of the storage is noted
-// (files/storage_fault.h); an absent file, a directory or bad XML is none.
-XmlDoc readTreeFile(const char* path);
+// (files/storage_fault.h); a file that is absent, closed to us or of the wrong kind, or bad XML, is
+// none. `error`, unless null, receives the errno of the opening or reading that failed, else 0.
+XmlDoc readTreeFile(const char* path, int* error = nullptr);
 
 } // namespace kelconf

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -38,7 +39,6 @@ Texts textsOf(const simlist& list) {
     for (const void* data : contentsOf(list)) {
         all.emplace_back(static_cast<const char*>(data));
     }
-    EXPECT_TRUE(isSound(list, contentsOf(list)));
     return all;
 }
 
@@ -217,6 +217,11 @@ TEST(SimlistRestore, BelievesNoCountOrLength) {
 }
 
 TEST(SimlistInfo, TellsTheHeaderAndWhetherTheTrailerFits) {
+    std::set<std::string> marks;
+    for (int i = 0; i < 3; ++i) {
+        marks.insert(dumpOf(TextList{}).substr(10, 4));
+    }
+    EXPECT_EQ(marks.size(), 3U) << "random, not alike";
     using namespace std::chrono;
     const auto before = duration_cast<microseconds>(system_clock::now().time_since_epoch());
     std::string bytes = dumpOf(TextList{{"a", "bbb"}});

@@ -1,16 +1,16 @@
 #include "container/list_check.h"
 #include "container/simlist_types.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <random>
 #include <thread>
-#include <utility>
 
 namespace kelconf {
 namespace {
 
 using Results = std::vector<std::int32_t>;
-using Found = std::vector<const void*>;
 
 std::size_t hugeSize(const void* /*element*/) {
     return std::numeric_limits<std::size_t>::max() / 4;
@@ -46,11 +46,11 @@ TEST_F(Simlist, RefusesNoListAndWhatCannotBeCopied) {
     list.copy_data = 0;
 }
 
-TEST_F(Simlist, HasNothingOutside) {
-    for (const std::uint32_t count : {0U, 3U}) {
-        fill(list, count);
+TEST_F(Simlist, HasTwoEndsAndNothingOutside) {
+    for (const std::uint32_t count : {0U, 1U, 3U}) {
+        const Contents all = fill(&list, count);
+        EXPECT_EQ(simlist_empty(&list), count == 0 ? 1 : 0);
         for (const std::uint32_t outside : {count, count + 1, 0x7fffffffU, 0xffffffffU}) {
-            SCOPED_TRACE(outside);
             EXPECT_EQ(simlist_get_at(&list, outside), nullptr);
             EXPECT_EQ(simlist_extract_at(&list, outside), nullptr);
             EXPECT_EQ(simlist_delete_at(&list, outside), -1);
@@ -59,8 +59,10 @@ TEST_F(Simlist, HasNothingOutside) {
             EXPECT_EQ(simlist_delete_at(&list, count), outside == count ? 0 : -1);
         }
         EXPECT_EQ(simlist_delete_range(&list, 2, 1), -1);
-        EXPECT_EQ(simlist_empty(&list), count == 0 ? 1 : 0);
-        EXPECT_TRUE(isSound(list, numbers(1, count)));
+        EXPECT_EQ(simlist_prepend(&list, &list), 1);
+        EXPECT_EQ(simlist_fetch(&list), &list);
+        EXPECT_EQ(contentsOf(list), all);
+        simlist_clear(&list);
     }
 }
 
@@ -83,45 +85,55 @@ TEST_F(Simlist, OwnsCopiesUntilExtracted) { // what leaks is found by the leak c
     std::free(taken);
 }
 
+// Equal are values of one tens digit; only an element that lies in `stored` may come second.
+std::vector<int> stored;
+std::int32_t compareTens(const void* a, const void* b) {
+    EXPECT_TRUE(b >= stored.data() && b < stored.data() + stored.size());
+    return simlist_comparator_int32_t(a, b) *
+           (*static_cast<const int*>(a) / 10 == *static_cast<const int*>(b) / 10 ? 0 : 1);
+}
+
 TEST_F(Simlist, FindsByComparatorOrIdentityOrSeeker) {
-    const std::vector<int> values{4, 9, 4, 1, 9};
-    const int nine = 9;
-    simlist_attributes_comparator(&list, simlist_comparator_int32_t);
+    stored = {40, 90, 41, 10, 91, 11};
+    const int ninety = 99;
+    simlist_attributes_comparator(&list, compareTens);
     EXPECT_EQ(simlist_get_max(&list), nullptr);
-    for (const int& value : values) {
+    for (const int& value : stored) {
         simlist_append(&list, &value);
     }
-    EXPECT_EQ(simlist_get_max(&list), &values[1]) << "the first of equal ones stays the best";
-    EXPECT_EQ(simlist_get_min(&list), &values[3]);
-    EXPECT_EQ((Results{simlist_contains(&list, &nine), simlist_delete(&list, &nine),
-                       simlist_locate(&list, &nine), simlist_delete(&list, &nine),
-                       simlist_delete(&list, &nine), simlist_contains(&list, &nine)}),
+    EXPECT_EQ(simlist_get_max(&list), &stored[1]) << "the first of equal ones stays the best";
+    EXPECT_EQ(simlist_get_min(&list), &stored[3]);
+    EXPECT_EQ((Results{simlist_contains(&list, &ninety), simlist_delete(&list, &ninety),
+                       simlist_locate(&list, &ninety), simlist_delete(&list, &ninety),
+                       simlist_delete(&list, &ninety), simlist_contains(&list, &ninety)}),
               (Results{1, 0, 3, 0, -1, 0}));
     simlist_attributes_comparator(&list, nullptr);
-    EXPECT_EQ(simlist_locate(&list, &values[2]), 1) << "without a comparator only identity counts";
-    EXPECT_EQ((Found{simlist_get_max(&list), simlist_get_min(&list), simlist_seek(&list, &nine)}),
-              Found(3));
+    EXPECT_EQ(simlist_locate(&list, &stored[2]), 1) << "without a comparator only identity counts";
+    EXPECT_EQ(
+        (Contents{simlist_get_max(&list), simlist_get_min(&list), simlist_seek(&list, &list)}),
+        Contents(3));
     simlist_attributes_seeker(&list, isNumber);
-    EXPECT_EQ(simlist_seek(&list, &values[2]), &values[2]);
-    EXPECT_EQ(simlist_seek(&list, &nine), nullptr);
+    EXPECT_EQ(simlist_seek(&list, &stored[2]), &stored[2]);
+    EXPECT_EQ(simlist_seek(&list, &ninety), nullptr);
 }
 
 TEST_F(Simlist, ConcatSharesDataAndClearsAttributes) {
-    fill(list, 700);
+    const Contents half = fill(&list, 700);
     simlist_attributes_seeker(&list, isNumber);
+    simlist_attributes_comparator(&list, simlist_comparator_int32_t);
     simlist both{};
     for (int round = 0; round < 2; ++round) { // what was destroyed can be made anew
         ASSERT_EQ(simlist_concat(&list, &list, &both), 0);
-        EXPECT_EQ(both.seeker, nullptr);
+        EXPECT_TRUE(both.seeker == nullptr && both.comparator == nullptr);
         EXPECT_EQ(simlist_delete_range(&both, 0, 699), 0);
-        EXPECT_TRUE(isSound(both, numbers(1, 700)));
+        EXPECT_EQ(contentsOf(both), half);
         simlist_destroy(&both);
     }
-    EXPECT_TRUE(isSound(list, numbers(1, 700)));
+    EXPECT_EQ(contentsOf(list), half);
 }
 
 TEST_F(Simlist, ChangesNothingDuringAnIteration) {
-    fill(list, 2);
+    const Contents two = fill(&list, 2);
     simlist_attributes_comparator(&list, simlist_comparator_int32_t);
     EXPECT_EQ(simlist_iterator_next(&list), nullptr);
     EXPECT_EQ(
@@ -131,32 +143,77 @@ TEST_F(Simlist, ChangesNothingDuringAnIteration) {
                  simlist_delete_range(&list, 0, 1), simlist_clear(&list), simlist_sort(&list, 1)}),
         (Results{0, 0, 1, 0, -1, -1, -1, -1, -1}));
     EXPECT_EQ(simlist_fetch(&list), nullptr);
-    for (const void* expected : Found{numbered(1), numbered(2), nullptr, nullptr}) {
-        EXPECT_EQ(simlist_iterator_hasnext(&list), expected == nullptr ? 0 : 1);
-        EXPECT_EQ(simlist_iterator_next(&list), expected) << "past the end it stays there";
+    for (const std::size_t i : {0U, 1U, 2U, 2U}) {
+        EXPECT_EQ(simlist_iterator_hasnext(&list), i < 2 ? 1 : 0);
+        EXPECT_EQ(list.iterator_position, i);
+        EXPECT_EQ(simlist_iterator_next(&list), i < 2 ? two[i] : nullptr) << "past the end too";
     }
     EXPECT_EQ(simlist_iterator_stop(&list), 1);
-    EXPECT_EQ(simlist_append(&list, numbered(3)), 1);
-    EXPECT_TRUE(isSound(list, numbers(1, 3)));
+    EXPECT_EQ(list.iterator_position, 0U);
+    EXPECT_EQ(contentsOf(list), two);
     simlist_iterator_start(&list); // destroying does not lose the elements of an open iteration
 }
 
 TEST_F(Simlist, HashFollowsOrderCountAndContent) {
-    const std::vector<std::uint32_t> values{1, 2};
+    const std::uint32_t values[] = {4, 20, 300};
     std::uint32_t hash = 77; // what the variable held before must not matter
     EXPECT_EQ(simlist_hash(&list, &hash), -1);
     simlist_attributes_hash_computer(&list, simlist_hashcomputer_uint32_t);
-    simlist_append(&list, values.data());
-    simlist_append(&list, &values[1]);
+    for (const std::uint32_t& value : values) {
+        simlist_append(&list, &value);
+    }
     EXPECT_EQ(simlist_hash(&list, &hash), 0);
-    EXPECT_EQ(hash, 418U); // 104 + (104 ^ 1) + 209 % 2 = 210, 210 + (210 ^ 2) + 418 % 2
+    // 106 + (106 ^ 4) = 216, + 216 % 3; 216 + (216 ^ 20) = 420, + 0; 420 + (420 ^ 300) = 556, + 1
+    EXPECT_EQ(hash, 557U);
 }
 
 TEST_F(Simlist, SharedByReadersWithoutALock) {
-    fill(list, 3000);
-    const auto read = [this] { EXPECT_TRUE(isSound(list, numbers(1, 3000))); };
+    const Contents all = fill(&list, 3000);
+    const auto read = [&] { EXPECT_EQ(contentsOf(list), all); };
     const std::jthread other{read};
     read();
+}
+
+// Random operations on a list and on a vector: both must stay the same, and the pool must hold
+// what was removed, up to five records.
+TEST(SimlistModel, StaysEqualToAVector) {
+    std::mt19937 random{1};
+    const auto below = [&](std::size_t limit) {
+        return static_cast<std::uint32_t>(random() % limit);
+    };
+    // Of 100 operations, the insertions; of 100 positions, those that are the first or the last.
+    for (const auto& [inserts, ends] : {std::pair{50U, 20U}, {75U, 5U}, {62U, 95U}, {60U, 0U}}) {
+        ScopedList list;
+        Contents contents;
+        for (std::size_t i = 1; i <= 20000; ++i) {
+            const bool adds = contents.empty() || below(100) < inserts;
+            const auto last = static_cast<std::uint32_t>(contents.size()) - (adds ? 0 : 1);
+            const std::uint32_t at = below(100) < ends ? below(2) * last : below(last + 1);
+            const auto place = contents.begin() + at;
+            std::size_t spares = list.spare_count;
+            if (adds) {
+                spares -= spares > 0 ? 1 : 0;
+                ASSERT_EQ(simlist_insert_at(&list, numbered(i), at), 1);
+                contents.insert(place, numbered(i));
+            } else if (const std::uint32_t more =
+                           below(20) > 0 ? 0 : below(last - at + 1) % (1 + below(1000));
+                       more > 0 || below(2) == 0) {
+                spares += more + 1;
+                ASSERT_EQ(simlist_delete_range(&list, at, at + more), 0);
+                contents.erase(place, place + more + 1);
+            } else {
+                spares += 1;
+                ASSERT_EQ(simlist_extract_at(&list, at), *place);
+                contents.erase(place);
+            }
+            ASSERT_EQ(list.spare_count, std::min<std::size_t>(spares, 5));
+            ASSERT_TRUE(i % 97 != 0 || contentsOf(list) == contents) << i;
+        }
+        EXPECT_EQ(simlist_clear(&list), 0);
+        EXPECT_EQ(contentsOf(list), Contents{});
+        const Contents all = fill(&list, 900);
+        EXPECT_EQ(contentsOf(list), all);
+    }
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // kelconfd as a child process of a test, inside a device root.
 #pragma once
 
-#include "files/fd.h"
+#include "base/fd.h"
 #include "support/device_log.h"
 
 #include <sys/types.h>

@@ -2,7 +2,7 @@
 
 #include "daemon/bus_client.h"
 #include "daemon/daemon_process.h"
-#include "files/fd.h"
+#include "base/fd.h"
 #include "powercut/judge.h"
 #include "support/files.h"
 

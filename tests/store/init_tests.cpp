@@ -6,7 +6,11 @@
 #include "support/records.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 
@@ -174,11 +178,36 @@ TEST_F(Init, AnEmptyTableUnderASealIsSound) {
 
 TEST_F(Init, WhereNoDatabaseCanBeMadeTheRecordsSayWhy) {
     fs::create_directory(paths::kDefaultDb);
-    EXPECT_EQ(run(), (Records{"0 Creating default database\n",
-                              "0 Can't open database: unable to open database file\n",
-                              "0 Done creating default DB\n", "2 database open error\n",
-                              "2 default database incomplete, not sealed\n"}));
+    EXPECT_EQ(run(),
+              (Records{"0 Creating default database\n",
+                       "0 Can't open database: unable to open database file\n",
+                       "0 Done creating default DB\n", "2 database open error\n",
+                       "2 create hash failed \n", "2 default database incomplete, not sealed\n"}));
     EXPECT_FALSE(exists(paths::kDefaultDbMd5));
+}
+
+// No fault of the storage: the next start finds a sound database, and does not build it again.
+TEST_F(Init, AnExtensionTreeThatCannotBeOpenedIsToldAndLeftOut) {
+    writeFile(paths::kNeutralTree, "<r/>");
+    const auto loop = [] { fs::create_symlink(paths::kExtTree, paths::kExtTree); };
+    const auto make_socket = [] {
+        sockaddr_un name{AF_UNIX, "/etc/ext_tree.xml"};
+        const int end = socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_EQ(bind(end, reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
+        close(end);
+    };
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {loop, "2 /etc/ext_tree.xml cannot be looked for: Too many levels of symbolic links\n"},
+        {make_socket, "2 /etc/ext_tree.xml cannot be read: No such device or address\n"}};
+    for (const auto& [make, said] : cases) {
+        fs::remove(paths::kDefaultDb);
+        make();
+        const Records records = run();
+        EXPECT_EQ(std::count(records.begin(), records.end(), said), 1) << said;
+        expectSealed({});
+        EXPECT_EQ(run(), Records{kCheck});
+        fs::remove(paths::kExtTree);
+    }
 }
 
 } // namespace

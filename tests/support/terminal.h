@@ -4,7 +4,7 @@
 // std::runtime_error with what was shown. One thread.
 #pragma once
 
-#include "files/fd.h"
+#include "base/fd.h"
 
 #include <sys/types.h>
 

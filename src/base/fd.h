@@ -1,8 +1,10 @@
-// Owner of a file descriptor: move-only, closed on destruction, -1 is empty.
+// Owner of a file descriptor: move-only, closed on destruction, -1 is empty. And reading from one.
 #pragma once
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <utility>
 
 namespace kelconf {
@@ -21,7 +23,12 @@ class Fd {
     }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
-    ~Fd() { close(); }
+    // errno survives: the caller wants to know why the work before failed.
+    ~Fd() {
+        const int error = errno;
+        close();
+        errno = error;
+    }
 
     explicit operator bool() const noexcept { return fd_ >= 0; }
     [[nodiscard]] int get() const noexcept { return fd_; }
@@ -33,5 +40,14 @@ class Fd {
   private:
     int fd_ = -1;
 };
+
+// As read(2), but taken up again when a signal comes before the first byte.
+inline ssize_t readSome(int fd, void* to, std::size_t size) noexcept {
+    ssize_t got = 0;
+    do {
+        got = ::read(fd, to, size);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
 
 } // namespace kelconf
