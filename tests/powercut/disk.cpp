@@ -306,7 +306,7 @@ double Disk::eachImage(std::size_t most, const Visit& visit) {
     if (model_ == Model::kLoose) {
         return eachOf(durable_names_, kNoCut, most, visit);
     }
-    std::set<long> cuts{0};
+    std::set<long, std::greater<>> cuts{0}; // the latest first: nothing is lost
     for (const Change& change : pending_names_) {
         cuts.insert(change.at);
     }

@@ -42,8 +42,8 @@ class Disk {
     // Calls `visit` with images that a cut now can leave: all of them where there are at most
     // `most`; else those in which all, nothing, one thing or a prefix is lost or alone survives,
     // and others drawn with a fixed seed, until there are `most` (ordered: for each prefix of the
-    // names and sizes). One image may come several times. `lost` says what the image lacks, while
-    // `visit` runs. Returns how many ways there are.
+    // names and sizes). The first lacks nothing; one image may come several times. `lost` says what
+    // the image lacks, while `visit` runs. Returns how many ways there are.
     using Lost = std::function<std::string()>;
     using Visit = std::function<void(const Image&, const Lost&)>;
     double eachImage(std::size_t most, const Visit& visit);

@@ -70,6 +70,10 @@ void Promises::take(const Record& mark) {
         }
     } else if (mark.op == Op::kSettled) {
         keepAnswered(kNothing);
+    } else if (mark.op == Op::kEnded) {
+        for (auto& [name, parameter] : parameters_) {
+            std::ranges::for_each(parameter.sent, [](Sent& sent) { sent.answered = false; });
+        }
     }
     if (mark.op >= Op::kSettled) {
         quiet_ = mark.op == Op::kQuiet;

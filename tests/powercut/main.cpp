@@ -12,6 +12,7 @@
 #include <exception>
 #include <filesystem>
 #include <set>
+#include <utility>
 
 namespace kelconf::powercut {
 namespace {
@@ -35,10 +36,10 @@ struct Tally {
 };
 
 std::string textOf(const Record& record) {
-    constexpr std::array kWords = {"create",         "unlink",   "rename to", "link to",
-                                   "write",          "truncate", "fsync",     "fdatasync",
-                                   "flush names of", "sync",     "sent",      "answered",
-                                   "tree",           "settled",  "quiet",     "restored"};
+    constexpr std::array kWords = {"create",   "unlink",   "rename to", "link to",        "write",
+                                   "truncate", "fsync",    "fdatasync", "flush names of", "sync",
+                                   "sent",     "answered", "tree",      "ended",          "settled",
+                                   "quiet",    "restored"};
     std::string text = kWords.at(static_cast<std::size_t>(record.op)) + (" " + record.path);
     return record.op == Op::kWrite || record.op == Op::kTruncate
                ? text + " " + std::to_string(record.number) + "+" +
@@ -86,16 +87,21 @@ void follow(const Options& options, const Recording& recording, Model model, boo
 
 void judgeScene(const Options& options, const Recording& recording, Model model, bool factory,
                 Judge& judge, Tally& tally) {
-    // Counted first, so that those chosen are spread evenly.
+    // Counted first, so that those chosen are spread evenly. What the end of the process alone
+    // leaves where something is promised is always among them.
     std::set<std::uint64_t> seen;
     follow(options, recording, model, factory, tally,
            [&](const Image& image, auto&&...) { seen.insert(image.hash); });
     const std::size_t step = 1 + seen.size() / options.images;
     std::map<std::uint64_t, bool> chosen;
+    std::size_t position = recording.trace.size();
     follow(options, recording, model, factory, tally,
            [&](const Image& image, const Promises& promises, std::size_t at, const auto& lost) {
-               const bool wanted = chosen.size() % step == 0;
-               const auto [found, fresh] = chosen.try_emplace(image.hash, wanted);
+               const bool first = std::exchange(position, at) != at;
+               const auto [found, fresh] = chosen.try_emplace(image.hash, false);
+               const bool now = !found->second && ((first && recording.trace[at].op >= Op::kSent) ||
+                                                   (fresh && chosen.size() % step == 0));
+               found->second |= now;
                if (!found->second) {
                    return;
                }
@@ -114,8 +120,8 @@ void judgeScene(const Options& options, const Recording& recording, Model model,
                        }
                    }
                }
-               tally.images += fresh ? 1U : 0U;
-               tally.damaged += fresh && damaged ? 1U : 0U;
+               tally.images += now ? 1U : 0U;
+               tally.damaged += now && damaged ? 1U : 0U;
            });
 }
 

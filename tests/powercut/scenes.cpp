@@ -128,8 +128,10 @@ class Stage {
             mark(Op::kSettled);
         } else if (verb == "kill") {
             daemon_->killNow();
+            mark(Op::kEnded);
         } else if (verb == "fall") {
             daemon_->awaitEnd();
+            mark(Op::kEnded);
             control_->times = 0;
         } else if (verb == "cut") {
             cut(words.at(1) == "loose" ? Model::kLoose : Model::kOrdered);
@@ -248,7 +250,7 @@ class Stage {
         for (const StoredFile& file : storedFiles()) {
             mark(Op::kUnlink, file.path, "", file.file);
         }
-        putImage(images.at(std::min<std::size_t>(1, images.size() - 1)));
+        putImage(images.back());
         for (const StoredFile& file : storedFiles()) {
             mark(Op::kCreate, file.path, "", file.file);
             mark(Op::kWrite, file.path, file.content, file.file);

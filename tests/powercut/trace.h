@@ -30,6 +30,7 @@ enum class Op : std::uint32_t {
     kSent,     // number: a Promise
     kAnswered, // with success
     kTree,     // data: the parameter tree from now on
+    kEnded,    // the service, not orderly: what was answered and not promised may be gone
     // What is judged, or not.
     kSettled, // all that was answered is stored for good
     kQuiet,   // not from here on: a fault that no store survives, or an image being put in place
