@@ -1,9 +1,9 @@
 #include "cli/changes.h"
 
+#include "catalog/secrets.h"
+#include "catalog/value_rules.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 #include "cli/shown_text.h"
-#include "cli/value_rules.h"
 
 #include <unistd.h>
 
@@ -53,18 +53,9 @@ bool sayIf(const Change& change, const std::string& reason) {
     return !reason.empty();
 }
 
-bool cutWhenStored(const Change& change) {
-    return storedScrambled(change.name) && change.value.find('=') != std::string::npos;
-}
-
-constexpr const char* kCut = "a password with \"=\" comes back cut there after a restart";
-
-std::string brokenRuleOf(const Change& change, Factory& factory) {
-    const auto row = factory.find(change.name);
-    if (!row) {
-        return {};
-    }
-    return brokenRule({row->type, row->range, row->step, row->options}, change.value);
+std::string brokenRuleOf(const Change& change, Catalog& catalog) {
+    const auto parameter = catalog.find(change.name);
+    return parameter ? brokenRule(ruleOf(*parameter), change.value) : std::string{};
 }
 
 // ---- Batches ------------------------------------------------------------------------------------
@@ -199,23 +190,23 @@ bool allCarried(const std::vector<Change>& changes) {
 bool allAllowed(const std::vector<Change>& changes, bool force) {
     bool allowed = true;
     for (const Change& change : changes) {
-        if (cutWhenStored(change)) {
-            sayIf(change, force ? std::string{"warning: "} + kCut
-                                : std::string{kCut} + "; --force sets it all the same");
+        if (cutWhenStored(change.name, change.value)) {
+            sayIf(change, force ? std::string{"warning: "} + kCutWhenStored
+                                : std::string{kCutWhenStored} + "; --force sets it all the same");
             allowed = force && allowed;
         }
     }
     if (force || changes.empty()) {
         return allowed;
     }
-    Factory factory;
+    Catalog catalog;
     for (const Change& change : changes) {
-        const std::string reason = factory ? brokenRuleOf(change, factory) : "";
+        const std::string reason = catalog ? brokenRuleOf(change, catalog) : "";
         allowed = !sayIf(change, reason.empty() ? "" : reason + "; --force sets it all the same") &&
                   allowed;
     }
-    if (!factory.problem().empty()) {
-        complain("values not checked against range, step and options: " + factory.problem());
+    if (!catalog.problem().empty()) {
+        complain("values not checked against range, step and options: " + catalog.problem());
     }
     return allowed;
 }

@@ -1,8 +1,8 @@
 // Values to be set: the checks before anything is sent, and the sending in batches.
 #pragma once
 
+#include "catalog/catalog.h"
 #include "cli/bus_session.h"
-#include "cli/factory.h"
 #include "cli/options.h"
 
 #include <string>

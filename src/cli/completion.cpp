@@ -1,11 +1,11 @@
 #include "cli/completion.h"
 
+#include "catalog/catalog.h"
+#include "catalog/value_rules.h"
 #include "cli/bus_session.h"
 #include "cli/command_line.h"
-#include "cli/factory.h"
 #include "cli/output.h"
 #include "cli/shown_text.h"
-#include "cli/value_rules.h"
 
 #include <unistd.h>
 
@@ -105,8 +105,8 @@ std::vector<std::string> knownNames() {
         }
         return names;
     }
-    if (Factory factory; factory) {
-        factory.forEach([&](FactoryRow&& row) { names.push_back(std::move(row.name)); });
+    if (Catalog catalog; catalog) {
+        catalog.forEach([&](Parameter&& parameter) { names.push_back(std::move(parameter.name)); });
     }
     return names;
 }
@@ -152,12 +152,12 @@ void offerSetting(std::string_view word) {
         return;
     }
     const std::string_view name = word.substr(0, equals);
-    Factory factory;
-    const auto row = factory ? factory.find(name) : std::nullopt;
-    if (!row) {
+    Catalog catalog;
+    const auto parameter = catalog ? catalog.find(name) : std::nullopt;
+    if (!parameter) {
         return;
     }
-    for (const std::string_view value : optionWords(row->options)) {
+    for (const std::string_view value : optionWords(parameter->options)) {
         if (startsWith(value, word.substr(equals + 1)) && showsAsItIs(value)) {
             offer(std::string{name} + "=" + std::string{value});
         }

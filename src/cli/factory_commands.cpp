@@ -1,11 +1,11 @@
 // diff and reset.
 
+#include "catalog/secrets.h"
 #include "cli/changes.h"
 #include "cli/commands.h"
 #include "cli/listing.h"
 #include "cli/live_values.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 
 #include <unistd.h>
 
@@ -57,8 +57,8 @@ int namedDeviations(const Bus& bus, const std::vector<std::string>& names,
         } else if (row == factory.end() || row->second.type == kRealtime) {
             complain(std::string{item.name} + " has no factory default");
             status = kDifferent;
-        } else if (row->second.value != item.value) {
-            deviations.push_back({item.name, item.value, row->second.value});
+        } else if (row->second.default_value != item.value) {
+            deviations.push_back({item.name, item.value, row->second.default_value});
         }
     }
     return status;
@@ -126,8 +126,8 @@ int runDiff(const Options& options) {
     if (status != kDone) {
         return status;
     }
-    printDifferences(options, differencesOf(deviations, Secrets{options}, false), "default",
-                     "value");
+    printDifferences(options, differencesOf(deviations, Secrets{options.show_secrets}, false),
+                     "default", "value");
     return deviations.empty() ? kDone : kDifferent;
 }
 
@@ -144,8 +144,8 @@ int runReset(const Options& options) {
     }
     makeUnique(deviations);
     if (options.dry_run) {
-        printDifferences(options, differencesOf(deviations, Secrets{options}, true), "value",
-                         "new_value");
+        printDifferences(options, differencesOf(deviations, Secrets{options.show_secrets}, true),
+                         "value", "new_value");
         return kDone;
     }
     return resetTo(bus, options, deviations);

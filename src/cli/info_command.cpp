@@ -1,11 +1,11 @@
 // info: everything about single parameters.
 
+#include "catalog/catalog.h"
+#include "catalog/secrets.h"
 #include "cli/bus_session.h"
 #include "cli/commands.h"
-#include "cli/factory.h"
 #include "cli/listing.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 #include "cli/shown_text.h"
 
 #include <array>
@@ -18,7 +18,7 @@ namespace {
 struct Info {
     std::string name;
     std::optional<std::string> value; // none: the service does not know the name, or is not there
-    std::optional<FactoryRow> factory;
+    std::optional<Parameter> factory;
 };
 
 struct Line {
@@ -36,11 +36,12 @@ std::vector<Line> linesOf(const Info& info, const Secrets& secrets) {
         lines[1].text = shown(*info.value);
     }
     if (info.factory) {
-        const FactoryRow& row = *info.factory;
-        if (row.type != kRealtime) {
-            lines[2].text = shown(row.value);
+        const Parameter& parameter = *info.factory;
+        if (parameter.type != kRealtime) {
+            lines[2].text = shown(parameter.default_value);
         }
-        const std::array texts{row.type, row.range, row.step, row.options, row.access};
+        const std::array texts{parameter.type, parameter.range, parameter.step, parameter.options,
+                               parameter.access};
         for (std::size_t i = 0; i < texts.size(); ++i) {
             lines[3 + i].text = texts[i];
         }
@@ -74,7 +75,7 @@ void printTextInfo(const Options& options, const Style& style, const std::vector
 }
 
 void print(const Options& options, const std::vector<Info>& infos) {
-    const Secrets secrets{options, options.operands};
+    const Secrets secrets{options.show_secrets, options.operands};
     const Style style = styleOf(options);
     std::optional<JsonArray> array;
     if (options.json) {
@@ -107,12 +108,12 @@ int addValues(const Options& options, std::vector<Info>& infos) {
 }
 
 int addFactory(std::vector<Info>& infos) {
-    Factory factory;
+    Catalog catalog;
     for (Info& info : infos) {
-        info.factory = factory ? factory.find(info.name) : std::nullopt;
+        info.factory = catalog ? catalog.find(info.name) : std::nullopt;
     }
-    if (!factory.problem().empty()) {
-        complain("no factory defaults: " + factory.problem());
+    if (!catalog.problem().empty()) {
+        complain("no factory defaults: " + catalog.problem());
         return kBroken;
     }
     return kDone;

@@ -1,7 +1,7 @@
 #include "cli/listing.h"
 
+#include "catalog/secrets.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 #include "cli/shown_text.h"
 
 #include <unistd.h>

@@ -19,16 +19,16 @@ int forEachLive(const Bus& bus, std::string_view prefix, const LiveVisitor& visi
 }
 
 int readFactory(FactoryRows& rows, bool sound) {
-    Factory factory;
-    const bool read = factory && factory.forEach([&](FactoryRow&& row) {
-        std::string name = row.name;
-        rows.emplace(std::move(name), std::move(row));
+    Catalog catalog;
+    const bool read = catalog && catalog.forEach([&](Parameter&& parameter) {
+        std::string name = parameter.name;
+        rows.emplace(std::move(name), std::move(parameter));
     });
     if (!read) {
-        complain("no factory defaults: " + factory.problem() + "; kelconf-init builds the file");
+        complain("no factory defaults: " + catalog.problem() + "; kelconf-init builds the file");
         return kBroken;
     }
-    if (sound && !factorySound()) {
+    if (sound && !catalogSound()) {
         complain(std::string{paths::kDefaultDb} +
                  " does not match its sidecar; kelconf-init builds it anew");
         return kBroken;
@@ -41,8 +41,8 @@ int findDeviations(const Bus& bus, std::string_view prefix, const FactoryRows& f
     return forEachLive(bus, prefix, [&](std::string_view name, std::string_view value) {
         const auto row = factory.find(std::string{name});
         if (row != factory.end() && !isState(name, row->second.type) &&
-            row->second.value != value) {
-            deviations.push_back({row->first, std::string{value}, row->second.value});
+            row->second.default_value != value) {
+            deviations.push_back({row->first, std::string{value}, row->second.default_value});
         }
     });
 }

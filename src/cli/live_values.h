@@ -1,8 +1,8 @@
 // Live values beside their factory defaults.
 #pragma once
 
+#include "catalog/catalog.h"
 #include "cli/bus_session.h"
-#include "cli/factory.h"
 
 #include <functional>
 #include <string>
@@ -17,7 +17,7 @@ int forEachLive(const Bus& bus, std::string_view prefix, const LiveVisitor& visi
 
 // Every row of default.db by its name. kBroken, said, when it cannot be read; `sound` asks for
 // a file that matches its sidecar as well.
-using FactoryRows = std::unordered_map<std::string, FactoryRow>;
+using FactoryRows = std::unordered_map<std::string, Parameter>;
 int readFactory(FactoryRows& rows, bool sound);
 
 struct Deviation {

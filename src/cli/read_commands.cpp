@@ -1,10 +1,10 @@
 // get, list and group.
 
+#include "catalog/secrets.h"
 #include "cli/bus_session.h"
 #include "cli/commands.h"
 #include "cli/listing.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 #include "text/text.h"
 
 #include <future>
@@ -45,7 +45,8 @@ int complainAboutUnknown(const std::vector<Row>& rows) {
 }
 
 Secrets secretsAmong(const Options& options, const std::vector<std::string>& names) {
-    return names.size() <= kFewNames ? Secrets{options, names} : Secrets{options};
+    return names.size() <= kFewNames ? Secrets{options.show_secrets, names}
+                                     : Secrets{options.show_secrets};
 }
 
 } // namespace
@@ -73,7 +74,8 @@ int runList(const Options& options) {
         return status;
     }
     // Read while the service works on its answer.
-    std::future<Secrets> secrets = std::async(std::launch::async, [&] { return Secrets{options}; });
+    std::future<Secrets> secrets =
+        std::async(std::launch::async, [&] { return Secrets{options.show_secrets}; });
     if (int status = fetchListing(bus, prefix, values); status != kDone) {
         return status;
     }
@@ -95,7 +97,7 @@ int runGroup(const Options& options) {
     if (error != KELBUS_OK) {
         return saidFailure(bus, error);
     }
-    const std::vector<Row> rows = rowsOf(values, Secrets{options}, "");
+    const std::vector<Row> rows = rowsOf(values, Secrets{options.show_secrets}, "");
     printRows(options, rows);
     if (rows.empty()) {
         complain("no parameter belongs to " + options.operands.front());

@@ -1,9 +1,9 @@
+#include "catalog/secrets.h"
 #include "cli/bus_session.h"
 #include "cli/changes.h"
 #include "cli/commands.h"
 #include "cli/input.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 #include "cli/typed_value.h"
 
 #include <unistd.h>

@@ -1,5 +1,6 @@
 // export and import.
 
+#include "catalog/secrets.h"
 #include "cli/changes.h"
 #include "cli/commands.h"
 #include "cli/export_format.h"
@@ -7,7 +8,6 @@
 #include "cli/listing.h"
 #include "cli/live_values.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 
 #include <unistd.h>
 
@@ -67,7 +67,7 @@ int compareWithLive(const Bus& bus, std::vector<Change>& changes) {
 }
 
 void showChanges(const Options& options, const std::vector<Change>& changes) {
-    const Secrets secrets{options};
+    const Secrets secrets{options.show_secrets};
     std::vector<Difference> differences;
     differences.reserve(changes.size());
     for (const Change& change : changes) {
@@ -97,10 +97,10 @@ int runExport(const Options& options) {
         return kUsage;
     }
     const std::string prefix = options.operands.empty() ? "" : options.operands.front();
-    const Secrets secrets{options};
+    const Secrets secrets{options.show_secrets};
     std::unordered_set<std::string> states;
-    if (Factory factory; factory) {
-        for (std::string& name : factory.namesOfType(kRealtime)) {
+    if (Catalog catalog; catalog) {
+        for (std::string& name : catalog.namesOfType(kRealtime)) {
             states.insert(std::move(name));
         }
     }

@@ -1,8 +1,8 @@
 #include "cli/tree_check.h"
 
-#include "cli/secrets.h"
+#include "catalog/secrets.h"
+#include "catalog/value_rules.h"
 #include "cli/tree_elements.h"
-#include "cli/value_rules.h"
 #include "tree/tree_file.h"
 #include "tree/tree_template.h"
 
@@ -105,7 +105,7 @@ class Parameters {
                        (cut ? ": the counter's name is cut there" : "");
             });
         }
-        if (counter || element.texts[kType] == "realtime") {
+        if (counter || element.texts[kType] == kRealtime) {
             return true;
         }
         if (seen_.insert(element.node).second || element.has_auto) {
@@ -153,11 +153,9 @@ class Parameters {
                 return shortened(name) + ": " + shortened(form) + " is not enforced by clients";
             });
         }
-        if (storedScrambled(name) && value.find('=') != std::string_view::npos) {
-            remark(leaf, About::kSecret, Severity::kWarning, [&] {
-                return shortened(name) +
-                       ": a password with \"=\" comes back cut there after a restart";
-            });
+        if (cutWhenStored(name, value)) {
+            remark(leaf, About::kSecret, Severity::kWarning,
+                   [&] { return shortened(name) + ": " + kCutWhenStored; });
         }
         if (leaf.has_auto && value.find(kAutoToken) != std::string_view::npos) {
             remark(leaf, About::kAuto, Severity::kNote,

@@ -1,10 +1,10 @@
 // watch: one line a change, until Ctrl-C, a number of changes or a time.
 
+#include "catalog/secrets.h"
 #include "cli/bus_session.h"
 #include "cli/commands.h"
 #include "cli/listing.h"
 #include "cli/output.h"
-#include "cli/secrets.h"
 #include "cli/shown_text.h"
 #include "text/text.h"
 
@@ -207,7 +207,7 @@ int runWatch(const Options& options) {
         complain(kelbus_strerror(error));
         return exitStatus(error);
     }
-    const Report report{options, styleOf(options), Secrets{options}};
+    const Report report{options, styleOf(options), Secrets{options.show_secrets}};
     sayWhetherServed(options);
     return watchUntilEnd(report, watch.get(), mask);
 }

@@ -1,5 +1,5 @@
 // The rules that clients enforce: a table of forms, and the example trees against their own.
-#include "cli/value_rules.h"
+#include "catalog/value_rules.h"
 #include "tree/tree_file.h"
 #include "tree/tree_walker.h"
 #include "tree/xitem.h"
@@ -8,7 +8,7 @@
 
 #include <string>
 
-namespace kelconf::cli {
+namespace kelconf {
 namespace {
 
 struct Case {
@@ -136,4 +136,4 @@ TEST_P(Shipped, KeepsItsOwnRules) {
 INSTANTIATE_TEST_SUITE_P(Examples, Shipped, testing::Values("neutral_tree.xml", "ext_tree.xml"));
 
 } // namespace
-} // namespace kelconf::cli
+} // namespace kelconf

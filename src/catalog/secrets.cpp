@@ -1,11 +1,11 @@
-#include "cli/secrets.h"
+#include "catalog/secrets.h"
 
-#include "cli/factory.h"
+#include "catalog/catalog.h"
 
 #include <algorithm>
 #include <array>
 
-namespace kelconf::cli {
+namespace kelconf {
 
 constinit const std::string_view kStars = "********";
 
@@ -44,16 +44,17 @@ bool secretByName(std::string_view name) {
     return holdsWord(name, [](char a, char b) { return lowered(a) == b; });
 }
 
-bool storedScrambled(std::string_view name) {
-    return holdsWord(name, [](char a, char b) { return a == b; });
+bool cutWhenStored(std::string_view name, std::string_view value) {
+    return value.find('=') != std::string_view::npos &&
+           holdsWord(name, [](char a, char b) { return a == b; });
 }
 
-Secrets::Secrets(const Options& options) : shown_(options.show_secrets) {
+Secrets::Secrets(bool show) : shown_(show) {
     if (shown_) {
         return;
     }
-    if (Factory factory; factory) {
-        for (std::string& name : factory.namesOfType(kType)) {
+    if (Catalog catalog; catalog) {
+        for (std::string& name : catalog.namesOfType(kType)) {
             if (!secretByName(name)) {
                 typed_.insert(std::move(name));
             }
@@ -61,17 +62,16 @@ Secrets::Secrets(const Options& options) : shown_(options.show_secrets) {
     }
 }
 
-Secrets::Secrets(const Options& options, const std::vector<std::string>& names)
-    : shown_(options.show_secrets) {
+Secrets::Secrets(bool show, const std::vector<std::string>& names) : shown_(show) {
     const bool told = std::all_of(names.begin(), names.end(),
                                   [](const std::string& name) { return secretByName(name); });
     if (shown_ || told) {
         return;
     }
-    if (Factory factory; factory) {
+    if (Catalog catalog; catalog) {
         for (const std::string& name : names) {
-            const auto row = factory.find(name);
-            if (row && row->type == kType) {
+            const auto parameter = catalog.find(name);
+            if (parameter && parameter->type == kType) {
                 typed_.insert(name);
             }
         }
@@ -83,4 +83,4 @@ bool Secrets::hides(std::string_view name) const {
            (secretByName(name) || (!typed_.empty() && typed_.contains(std::string{name})));
 }
 
-} // namespace kelconf::cli
+} // namespace kelconf

@@ -2,14 +2,16 @@
 //
 // The store carries these texts and enforces nothing; the forms understood here are written down
 // in docs/tree-format.md. What is in no known form is not enforced. Numbers are compared as exact
-// decimals, never as binary fractions. Pure functions, any thread.
+// decimals (catalog/decimal.h). Pure functions, any thread.
 #pragma once
+
+#include "catalog/parameter.h"
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace kelconf::cli {
+namespace kelconf {
 
 // The attributes as default.db has them; empty ones ask for nothing.
 struct ValueRule {
@@ -18,6 +20,11 @@ struct ValueRule {
     std::string_view step;
     std::string_view options;
 };
+
+// The texts stay the parameter's.
+inline ValueRule ruleOf(const Parameter& parameter) {
+    return {parameter.type, parameter.range, parameter.step, parameter.options};
+}
 
 // Empty when the value may be set; otherwise the rule that it breaks, in words that go on after
 // the parameter's name: "must be 0 to 100".
@@ -30,4 +37,4 @@ std::string unknownForm(const ValueRule& rule);
 // otherwise it is the comma. No word for an empty text.
 std::vector<std::string_view> optionWords(std::string_view options);
 
-} // namespace kelconf::cli
+} // namespace kelconf

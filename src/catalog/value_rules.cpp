@@ -1,16 +1,13 @@
-#include "cli/value_rules.h"
+#include "catalog/value_rules.h"
+
+#include "catalog/decimal.h"
 
 #include <algorithm>
 #include <optional>
 
-namespace kelconf::cli {
+namespace kelconf {
 
 namespace {
-
-// A decimal number in units of 10^-18. 18 digits on either side of the point leave room in 128
-// bits for the difference of two numbers.
-__extension__ using Scaled = __int128;
-constexpr std::size_t kDigits = 18;
 
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view kBlanks = " \t\r\n";
@@ -18,62 +15,9 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
-std::string_view leadingDigits(std::string_view text) {
-    return text.substr(0, text.find_first_not_of("0123456789"));
-}
-
-// Takes a number off the front of `text`: "-" or not, digits, and maybe a point and digits.
-std::optional<Scaled> takeNumber(std::string_view& text) {
-    const bool negative = text.starts_with('-');
-    std::string_view rest = text.substr(negative ? 1 : 0);
-    std::string_view whole = leadingDigits(rest);
-    if (whole.empty()) {
-        return {};
-    }
-    rest.remove_prefix(whole.size());
-    std::string_view part;
-    if (rest.starts_with('.')) {
-        part = leadingDigits(rest.substr(1));
-        if (part.empty()) {
-            return {};
-        }
-        rest.remove_prefix(1 + part.size());
-    }
-    whole.remove_prefix(std::min(whole.find_first_not_of('0'), whole.size()));
-    part = part.substr(0, part.find_last_not_of('0') + 1);
-    if (whole.size() > kDigits || part.size() > kDigits) {
-        return {};
-    }
-    Scaled number = 0;
-    const auto append = [&number](char digit) { number = number * 10 + (digit - '0'); };
-    std::for_each(whole.begin(), whole.end(), append);
-    std::for_each(part.begin(), part.end(), append);
-    for (std::size_t i = part.size(); i < kDigits; ++i) {
-        append('0');
-    }
-    text = rest;
-    return negative ? -number : number;
-}
-
-// The whole text as a number. No "+", no exponent and no blanks, since the readers of a value on
-// the device differ about these; leading zeros are fine ("007" is 7, never octal). More than 18
-// digits on a side of the point are none: no bound of a camera is that large.
-std::optional<Scaled> numberOf(std::string_view text) {
-    const auto number = takeNumber(text);
-    return text.empty() ? number : std::nullopt;
-}
-
-bool isWhole(Scaled number) {
-    Scaled one = 1;
-    for (std::size_t i = 0; i < kDigits; ++i) {
-        one *= 10;
-    }
-    return number % one == 0;
-}
-
 struct Range {
-    std::optional<Scaled> low; // none: no lower end
-    std::optional<Scaled> high;
+    std::optional<Decimal> low; // none: no lower end
+    std::optional<Decimal> high;
     std::string_view low_text;
     std::string_view high_text;
 };
@@ -81,7 +25,7 @@ struct Range {
 // "LOW-HIGH": the first "-" after a digit parts the two, so both may be negative.
 std::size_t findDash(std::string_view text) {
     std::string_view rest = text;
-    const bool number = takeNumber(rest).has_value();
+    const bool number = takeDecimal(rest).has_value();
     const std::string_view blanks_gone = trimmed(rest);
     return number && blanks_gone.starts_with('-') ? text.find('-', text.size() - rest.size())
                                                   : std::string_view::npos;
@@ -98,8 +42,8 @@ std::optional<Range> rangeOf(std::string_view text) {
     Range range;
     range.low_text = trimmed(text.substr(0, separator));
     range.high_text = trimmed(text.substr(separator + 1));
-    range.low = numberOf(range.low_text);
-    range.high = numberOf(range.high_text);
+    range.low = decimalOf(range.low_text);
+    range.high = decimalOf(range.high_text);
     const bool low_known = range.low || (comma && range.low_text.empty());
     const bool high_known = range.high || (comma && range.high_text.empty());
     const bool any = range.low || range.high;
@@ -110,8 +54,8 @@ std::optional<Range> rangeOf(std::string_view text) {
     return range;
 }
 
-std::optional<Scaled> stepOf(std::string_view text) {
-    const auto step = numberOf(trimmed(text));
+std::optional<Decimal> stepOf(std::string_view text) {
+    const auto step = decimalOf(trimmed(text));
     return step && *step > 0 ? step : std::nullopt;
 }
 
@@ -144,12 +88,12 @@ bool has(const std::vector<std::string_view>& words, std::string_view value) {
 
 bool hasNumber(const std::vector<std::string_view>& words) {
     return std::any_of(words.begin(), words.end(),
-                       [](std::string_view word) { return numberOf(word).has_value(); });
+                       [](std::string_view word) { return decimalOf(word).has_value(); });
 }
 
 std::string brokenNumber(const ValueRule& rule, const std::optional<Range>& range,
-                         const std::optional<Scaled>& step, std::string_view value) {
-    const auto number = numberOf(value);
+                         const std::optional<Decimal>& step, std::string_view value) {
+    const auto number = decimalOf(value);
     if (!number) {
         return range ? "must be a number, " + inWords(*range) : "must be a number";
     }
@@ -160,7 +104,7 @@ std::string brokenNumber(const ValueRule& rule, const std::optional<Range>& rang
     if (rule.type == "int" && !isWhole(*number)) {
         return "must be a whole number";
     }
-    const Scaled base = range ? range->low.value_or(0) : 0;
+    const Decimal base = range ? range->low.value_or(0) : 0;
     if (!step || (*number - base) % *step == 0) {
         return {};
     }
@@ -194,10 +138,10 @@ std::string brokenRule(const ValueRule& rule, std::string_view value) {
     const bool numbers = range || step;
     if (has(words, value)) {
         // A word among the options stands beside the range: "auto" with "16,48".
-        return numbers && numberOf(value) ? brokenNumber(rule, range, step, value) : "";
+        return numbers && decimalOf(value) ? brokenNumber(rule, range, step, value) : "";
     }
     // A single option is no list: it may be in a form that only people read.
-    if (words.size() > 1 && (!numbers || hasNumber(words) || !numberOf(value))) {
+    if (words.size() > 1 && (!numbers || hasNumber(words) || !decimalOf(value))) {
         const bool beside = range && !hasNumber(words);
         return "must be one of " + inWords(words) + (beside ? ", or " + inWords(*range) : "");
     }
@@ -219,4 +163,4 @@ std::string unknownForm(const ValueRule& rule) {
                : "";
 }
 
-} // namespace kelconf::cli
+} // namespace kelconf

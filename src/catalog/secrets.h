@@ -4,29 +4,30 @@
 // default.db gives the type word "password". Without a readable default.db the names decide.
 #pragma once
 
-#include "cli/options.h"
-
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
 
-namespace kelconf::cli {
+namespace kelconf {
 
 // What is printed for a secret; listings know it by its address.
 extern const std::string_view kStars;
 
 bool secretByName(std::string_view name);
 
-// True when the service stores the value scrambled, which cuts it at its first "=".
-bool storedScrambled(std::string_view name);
+// True when the value will not come back whole: the service stores a password scrambled, which cuts
+// it at its first "=".
+bool cutWhenStored(std::string_view name, std::string_view value);
+inline constexpr const char* kCutWhenStored =
+    "a password with \"=\" comes back cut there after a restart";
 
 class Secrets {
   public:
-    // For any number of names. Reads nothing when secrets are shown.
-    explicit Secrets(const Options& options);
+    // For any number of names. With `show` nothing is hidden, and nothing read.
+    explicit Secrets(bool show);
     // For these few names: looks each one up, which is quicker than all.
-    Secrets(const Options& options, const std::vector<std::string>& names);
+    Secrets(bool show, const std::vector<std::string>& names);
 
     // True when the value is to be hidden.
     [[nodiscard]] bool hides(std::string_view name) const;
@@ -40,4 +41,4 @@ class Secrets {
     std::unordered_set<std::string> typed_; // secrets whose names do not tell
 };
 
-} // namespace kelconf::cli
+} // namespace kelconf

@@ -1,10 +1,11 @@
-// The factory defaults and attributes of the parameters, out of /mnt/nand/conf/default.db.
+// The parameters as the factory has set them, out of /mnt/nand/conf/default.db.
 //
 // Read without a lock and without a look at journals (SQLite's immutable mode), so that reading
 // never disturbs whoever builds the file. A file that is being built may therefore read as damaged
-// or incomplete; factorySound tells.
+// or incomplete; catalogSound tells.
 #pragma once
 
+#include "catalog/parameter.h"
 #include "db/sqlite_handle.h"
 
 #include <functional>
@@ -13,31 +14,22 @@
 #include <string_view>
 #include <vector>
 
-namespace kelconf::cli {
+namespace kelconf {
 
-struct FactoryRow {
-    std::string name;
-    std::string value;
-    std::string type;
-    std::string range;
-    std::string step;
-    std::string options;
-    std::string access; // from the web pages
-};
-
-class Factory {
+// An open catalog holds one connection; one thread.
+class Catalog {
   public:
     // Not open when the file is missing or not readable.
-    Factory();
+    Catalog();
 
     explicit operator bool() const { return open_; }
     // Why it is not open, or why reading failed.
     [[nodiscard]] const std::string& problem() const { return problem_; }
 
     // Nothing for an unknown name, and after a failure.
-    std::optional<FactoryRow> find(std::string_view name);
-    // Every row, by name. False when the scan failed.
-    bool forEach(const std::function<void(FactoryRow&&)>& visit);
+    std::optional<Parameter> find(std::string_view name);
+    // Every parameter, by name. False when the scan failed.
+    bool forEach(const std::function<void(Parameter&&)>& visit);
     // The names of the given type word.
     std::vector<std::string> namesOfType(const char* type);
 
@@ -51,13 +43,6 @@ class Factory {
 };
 
 // True when default.db is what its sidecar was made of.
-bool factorySound();
+bool catalogSound();
 
-// Values of this type are states of the device.
-inline constexpr const char* kRealtime = "realtime";
-
-// True for what is no setting: realtime states, and the mark of the service that passwords are
-// scrambled. These are in no diff, no export and no reset of many.
-bool isState(std::string_view name, std::string_view type);
-
-} // namespace kelconf::cli
+} // namespace kelconf

@@ -1,10 +1,10 @@
-#include "cli/factory.h"
+#include "catalog/catalog.h"
 
 #include "db/sqlite_handle.h"
 #include "files/md5_sidecar.h"
 #include "paths.h"
 
-namespace kelconf::cli {
+namespace kelconf {
 
 namespace {
 
@@ -16,14 +16,14 @@ std::string textAt(sqlite3_stmt* row, int column) {
     return text == nullptr ? std::string{} : std::string{text};
 }
 
-FactoryRow rowOf(sqlite3_stmt* row) {
+Parameter parameterOf(sqlite3_stmt* row) {
     return {textAt(row, 0), textAt(row, 1), textAt(row, 2), textAt(row, 3),
             textAt(row, 4), textAt(row, 5), textAt(row, 6)};
 }
 
 } // namespace
 
-Factory::Factory() {
+Catalog::Catalog() {
     const std::string uri = std::string{"file:"} + paths::kDefaultDb + "?immutable=1";
     sqlite3* opened = nullptr;
     const int status =
@@ -38,17 +38,17 @@ Factory::Factory() {
     }
 }
 
-void Factory::fail() {
+void Catalog::fail() {
     problem_ = std::string{paths::kDefaultDb} + ": " + sqlite3_errmsg(database_.get());
 }
 
-std::optional<FactoryRow> Factory::find(std::string_view name) {
+std::optional<Parameter> Catalog::find(std::string_view name) {
     sqlite3_stmt* query = by_name_.get();
     sqlite3_reset(query);
     sqlite3_bind_text64(query, 1, name.data(), name.size(), SQLITE_STATIC, SQLITE_UTF8);
     const int status = sqlite3_step(query);
     if (status == SQLITE_ROW) {
-        return rowOf(query);
+        return parameterOf(query);
     }
     if (status != SQLITE_DONE) {
         fail();
@@ -56,11 +56,11 @@ std::optional<FactoryRow> Factory::find(std::string_view name) {
     return {};
 }
 
-bool Factory::forEach(const std::function<void(FactoryRow&&)>& visit) {
+bool Catalog::forEach(const std::function<void(Parameter&&)>& visit) {
     const Statement query = prepare(database_.get(), std::string{kColumns} + "ORDER BY NAME");
     int status = SQLITE_ERROR;
     while (query && (status = sqlite3_step(query.get())) == SQLITE_ROW) {
-        visit(rowOf(query.get()));
+        visit(parameterOf(query.get()));
     }
     if (status != SQLITE_DONE) {
         fail();
@@ -68,7 +68,7 @@ bool Factory::forEach(const std::function<void(FactoryRow&&)>& visit) {
     return status == SQLITE_DONE;
 }
 
-std::vector<std::string> Factory::namesOfType(const char* type) {
+std::vector<std::string> Catalog::namesOfType(const char* type) {
     std::vector<std::string> names;
     const Statement query = prepare(database_.get(), "SELECT NAME FROM CONFIGDEFAULT WHERE TYPE=?");
     if (query) {
@@ -80,12 +80,8 @@ std::vector<std::string> Factory::namesOfType(const char* type) {
     return names;
 }
 
-bool isState(std::string_view name, std::string_view type) {
-    return type == kRealtime || name == "private.encrypt_campass";
-}
-
-bool factorySound() {
+bool catalogSound() {
     return checkFileMD5(paths::kDefaultDb, paths::kDefaultDbMd5);
 }
 
-} // namespace kelconf::cli
+} // namespace kelconf
