@@ -1,6 +1,6 @@
 #include "cli/command_line.h"
 
-#include "cli/output.h"
+#include "cli/output/output.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

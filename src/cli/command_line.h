@@ -1,7 +1,7 @@
-// Reads the command line by the table of commands (cli/commands.h).
+// Reads the command line by the table of commands (cli/commands/commands.h).
 #pragma once
 
-#include "cli/commands.h"
+#include "cli/commands/commands.h"
 
 #include <vector>
 

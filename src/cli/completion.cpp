@@ -2,10 +2,10 @@
 
 #include "catalog/catalog.h"
 #include "catalog/value_rules.h"
-#include "cli/bus_session.h"
 #include "cli/command_line.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
+#include "cli/session/bus_session.h"
 
 #include <unistd.h>
 

@@ -2,7 +2,7 @@
 
 #include "cli/command_line.h"
 #include "cli/completion.h"
-#include "cli/output.h"
+#include "cli/output/output.h"
 
 #include <cstdlib>
 #include <exception>

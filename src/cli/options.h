@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelconf::cli {
@@ -41,6 +42,11 @@ struct Options {
     std::uint64_t count = 0;           // changes after which watch ends; 0: none
     double watch_timeout = 0;          // seconds after which watch ends; 0: never
     std::vector<std::string> operands;
+
+    // Of commands that take at most one.
+    [[nodiscard]] std::string operand() const { return operands.empty() ? "" : operands.front(); }
+    // What ends an entry that is printed.
+    [[nodiscard]] std::string_view entryEnd() const { return {null_ended ? "\0" : "\n", 1}; }
 };
 
 } // namespace kelconf::cli

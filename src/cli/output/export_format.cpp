@@ -1,6 +1,6 @@
-#include "cli/export_format.h"
+#include "cli/output/export_format.h"
 
-#include "cli/shown_text.h"
+#include "cli/output/shown_text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -17,12 +17,6 @@ bool isBlank(char c) {
     return c == ' ' || c == '\t';
 }
 
-void appendByte(std::string& line, char byte) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    const auto number = static_cast<unsigned char>(byte);
-    line += {'\\', 'x', kDigits[number >> 4U], kDigits[number & 15U]};
-}
-
 // `special`: further characters that are not to stand as they are.
 void appendText(std::string& line, std::string_view text, std::string_view special) {
     for (std::size_t at = 0; at < text.size();) {
@@ -36,7 +30,7 @@ void appendText(std::string& line, std::string_view text, std::string_view speci
             line += "\\\\";
         } else if (special.find(character[0]) != std::string_view::npos ||
                    (character == " " && at_end)) {
-            appendByte(line, character[0]);
+            appendHex(line, character[0]);
         } else if (lonely || actsOnTerminal(code)) {
             appendEscaped(line, character);
         } else {

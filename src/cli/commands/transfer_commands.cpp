@@ -1,13 +1,13 @@
 // export and import.
 
 #include "catalog/secrets.h"
-#include "cli/changes.h"
-#include "cli/commands.h"
-#include "cli/export_format.h"
-#include "cli/input.h"
-#include "cli/listing.h"
-#include "cli/live_values.h"
-#include "cli/output.h"
+#include "cli/commands/commands.h"
+#include "cli/output/export_format.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/session/changes.h"
+#include "cli/session/input.h"
+#include "cli/session/live_values.h"
 
 #include <unistd.h>
 
@@ -96,7 +96,7 @@ int runExport(const Options& options) {
         complain("export has a form of its own; list takes --json and --null");
         return kUsage;
     }
-    const std::string prefix = options.operands.empty() ? "" : options.operands.front();
+    const std::string prefix = options.operand();
     const Secrets secrets{options.show_secrets};
     std::unordered_set<std::string> states;
     if (Catalog catalog; catalog) {

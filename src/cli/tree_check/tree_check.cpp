@@ -1,8 +1,8 @@
-#include "cli/tree_check.h"
+#include "cli/tree_check/tree_check.h"
 
 #include "catalog/secrets.h"
 #include "catalog/value_rules.h"
-#include "cli/tree_elements.h"
+#include "cli/tree_check/tree_elements.h"
 #include "tree/tree_file.h"
 #include "tree/tree_template.h"
 

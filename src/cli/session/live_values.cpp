@@ -1,6 +1,6 @@
-#include "cli/live_values.h"
+#include "cli/session/live_values.h"
 
-#include "cli/output.h"
+#include "cli/output/output.h"
 #include "paths.h"
 #include "text/text.h"
 

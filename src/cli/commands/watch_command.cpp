@@ -1,11 +1,11 @@
 // watch: one line a change, until Ctrl-C, a number of changes or a time.
 
 #include "catalog/secrets.h"
-#include "cli/bus_session.h"
-#include "cli/commands.h"
-#include "cli/listing.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
+#include "cli/commands/commands.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
+#include "cli/session/bus_session.h"
 #include "text/text.h"
 
 #include <poll.h>

@@ -1,8 +1,8 @@
-#include "cli/listing.h"
+#include "cli/output/listing.h"
 
 #include "catalog/secrets.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
 
 #include <unistd.h>
 
@@ -23,9 +23,7 @@ bool wantsColour(const Options& options, bool terminal) {
         return true;
     }
     const char* no_color = std::getenv("NO_COLOR");
-    const char* term = std::getenv("TERM");
-    const bool dumb = term == nullptr || std::string_view{term} == "dumb";
-    return terminal && !dumb && (no_color == nullptr || *no_color == '\0');
+    return terminal && !dumbTerminal() && (no_color == nullptr || *no_color == '\0');
 }
 
 const char* codeOf(Ink ink) {
@@ -66,7 +64,7 @@ void printAligned(const Style& style, const std::vector<Row>& rows) {
 }
 
 void printPlain(const Options& options, const Style& style, const std::vector<Row>& rows) {
-    const std::string_view end{options.null_ended ? "\0" : "\n", 1};
+    const std::string_view end = options.entryEnd();
     for (const Row& row : rows) {
         if (!row.known) {
             continue;
@@ -146,7 +144,7 @@ void printDifferences(const Options& options, const std::vector<Difference>& dif
         return;
     }
     const Style style = styleOf(options);
-    const std::string_view end{options.null_ended ? "\0" : "\n", 1};
+    const std::string_view end = options.entryEnd();
     for (const Difference& difference : differences) {
         printSide(style, end, '-', difference.name, difference.old_value);
         printSide(style, end, '+', difference.name, difference.new_value);

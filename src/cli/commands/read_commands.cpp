@@ -1,10 +1,10 @@
 // get, list and group.
 
 #include "catalog/secrets.h"
-#include "cli/bus_session.h"
-#include "cli/commands.h"
-#include "cli/listing.h"
-#include "cli/output.h"
+#include "cli/commands/commands.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/session/bus_session.h"
 #include "text/text.h"
 
 #include <future>
@@ -67,7 +67,7 @@ int runGet(const Options& options) {
 }
 
 int runList(const Options& options) {
-    const std::string prefix = options.operands.empty() ? "" : options.operands.front();
+    const std::string prefix = options.operand();
     Bus bus;
     Values values;
     if (int status = openBus(options, bus); status != kDone) {

@@ -2,11 +2,11 @@
 
 #include "catalog/catalog.h"
 #include "catalog/secrets.h"
-#include "cli/bus_session.h"
-#include "cli/commands.h"
-#include "cli/listing.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
+#include "cli/commands/commands.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
+#include "cli/session/bus_session.h"
 
 #include <array>
 #include <optional>
@@ -69,7 +69,7 @@ void printTextInfo(const Options& options, const Style& style, const std::vector
             out(shownText(*line.text) + "\n");
         } else {
             out(key + "=" + *line.text);
-            out(std::string_view{options.null_ended ? "\0" : "\n", 1});
+            out(options.entryEnd());
         }
     }
 }

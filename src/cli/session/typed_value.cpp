@@ -1,7 +1,7 @@
-#include "cli/typed_value.h"
+#include "cli/session/typed_value.h"
 
-#include "cli/output.h"
-#include "cli/shown_text.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
 
 #include <poll.h>
 #include <termios.h>

@@ -1,7 +1,7 @@
-#include "cli/input.h"
+#include "cli/session/input.h"
 
 #include "base/fd.h"
-#include "cli/output.h"
+#include "cli/output/output.h"
 
 #include <fcntl.h>
 #include <unistd.h>

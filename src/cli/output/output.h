@@ -27,5 +27,7 @@ void complain(std::string_view text);
 void toStandardError(std::string_view bytes); // as it is
 
 bool onTerminal(int descriptor);
+// By TERM: control sequences would be shown.
+bool dumbTerminal();
 
 } // namespace kelconf::cli

@@ -2,9 +2,10 @@
 #pragma once
 
 #include "catalog/catalog.h"
-#include "cli/bus_session.h"
 #include "cli/options.h"
+#include "cli/session/bus_session.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,9 @@ bool allCarried(const std::vector<Change>& changes);
 // only the cut is said, as a warning. Without a default.db nothing but the cut is checked, said
 // once.
 bool allAllowed(const std::vector<Change>& changes, bool force);
+
+// Sets the values in one request. Says nothing.
+kelbus_error sendChanges(const Bus& bus, std::span<const Change> changes, kelbus_kind kind);
 
 // Sets the values, in order, in requests of at most 200 values or 1 MiB. Shows progress on
 // a terminal. On a failure or Ctrl-C it says exactly how far it came; `doing` is the word for it

@@ -1,4 +1,4 @@
-#include "cli/shown_text.h"
+#include "cli/output/shown_text.h"
 
 #include <algorithm>
 #include <array>
@@ -30,14 +30,18 @@ bool actsOnTerminal(char32_t code) {
            (code >= 0x2066U && code <= 0x2069U) || code == 0x061CU;
 }
 
-void appendEscaped(std::string& text, std::string_view bytes) {
+void appendHex(std::string& text, char byte) {
     constexpr std::string_view kDigits = "0123456789abcdef";
+    const auto number = static_cast<unsigned char>(byte);
+    text += {'\\', 'x', kDigits[number >> 4U], kDigits[number & 15U]};
+}
+
+void appendEscaped(std::string& text, std::string_view bytes) {
     for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
         if (c == '\n' || c == '\r' || c == '\t') {
             text += c == '\n' ? "\\n" : c == '\r' ? "\\r" : "\\t";
         } else {
-            text += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 15U]};
+            appendHex(text, c);
         }
     }
 }

@@ -1,8 +1,8 @@
 // What can be said of the elements of a parameter tree as they are written: kinds, attributes,
-// counts, and what the walk passes over. Part of cli/tree_check.h.
+// counts, and what the walk passes over. Part of cli/tree_check/tree_check.h.
 #pragma once
 
-#include "cli/tree_check.h"
+#include "cli/tree_check/tree_check.h"
 
 #include <libxml/tree.h>
 

@@ -1,4 +1,4 @@
-#include "cli/tree_elements.h"
+#include "cli/tree_check/tree_elements.h"
 
 #include "tree/element_text.h"
 #include "tree/tree_template.h"

@@ -1,6 +1,6 @@
-#include "cli/bus_session.h"
+#include "cli/session/bus_session.h"
 
-#include "cli/output.h"
+#include "cli/output/output.h"
 
 #include <string>
 

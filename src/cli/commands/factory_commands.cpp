@@ -1,11 +1,11 @@
 // diff and reset.
 
 #include "catalog/secrets.h"
-#include "cli/changes.h"
-#include "cli/commands.h"
-#include "cli/listing.h"
-#include "cli/live_values.h"
-#include "cli/output.h"
+#include "cli/commands/commands.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/session/changes.h"
+#include "cli/session/live_values.h"
 
 #include <unistd.h>
 
@@ -116,7 +116,7 @@ int resetTo(const Bus& bus, const Options& options, const std::vector<Deviation>
 } // namespace
 
 int runDiff(const Options& options) {
-    const std::string prefix = options.operands.empty() ? "" : options.operands.front();
+    const std::string prefix = options.operand();
     FactoryRows factory;
     Bus bus;
     std::vector<Deviation> deviations;

@@ -1,11 +1,12 @@
-#include "cli/output.h"
+#include "cli/output/output.h"
 
-#include "cli/shown_text.h"
+#include "cli/output/shown_text.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -104,6 +105,11 @@ void toStandardError(std::string_view bytes) {
 
 bool onTerminal(int descriptor) {
     return isatty(descriptor) == 1;
+}
+
+bool dumbTerminal() {
+    const char* term = std::getenv("TERM");
+    return term == nullptr || std::string_view{term} == "dumb";
 }
 
 } // namespace kelconf::cli

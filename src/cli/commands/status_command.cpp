@@ -1,11 +1,11 @@
 // status: the service and its files, at a glance.
 
-#include "cli/bus_session.h"
-#include "cli/commands.h"
-#include "cli/listing.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
-#include "cli/store_state.h"
+#include "cli/commands/commands.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
+#include "cli/session/bus_session.h"
+#include "cli/session/store_state.h"
 #include "paths.h"
 
 #include <array>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "catalog/catalog.h"
-#include "cli/bus_session.h"
+#include "cli/session/bus_session.h"
 
 #include <functional>
 #include <string>

@@ -1,10 +1,10 @@
 #include "catalog/secrets.h"
-#include "cli/bus_session.h"
-#include "cli/changes.h"
-#include "cli/commands.h"
-#include "cli/input.h"
-#include "cli/output.h"
-#include "cli/typed_value.h"
+#include "cli/commands/commands.h"
+#include "cli/output/output.h"
+#include "cli/session/bus_session.h"
+#include "cli/session/changes.h"
+#include "cli/session/input.h"
+#include "cli/session/typed_value.h"
 
 #include <unistd.h>
 
@@ -96,13 +96,7 @@ int runSet(const Options& options) {
     if (status != kDone) {
         return status;
     }
-    std::vector<kelbus_parameter> parameters;
-    parameters.reserve(changes.size());
-    for (const Change& change : changes) {
-        parameters.push_back({change.name.c_str(), change.value.c_str()});
-    }
-    const kelbus_error error = kelbus_set_many(bus.client.get(), parameters.data(),
-                                               parameters.size(), kindOf(options), bus.limit);
+    const kelbus_error error = sendChanges(bus, changes, kindOf(options));
     if (error == KELBUS_OK) {
         return kDone;
     }

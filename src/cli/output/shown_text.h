@@ -14,6 +14,9 @@ std::size_t utf8Character(std::string_view text, char32_t& code);
 // direction.
 bool actsOnTerminal(char32_t code);
 
+// "\xHH".
+void appendHex(std::string& text, char byte);
+
 // "\n", "\r", "\t", or "\xHH" for each byte.
 void appendEscaped(std::string& text, std::string_view bytes);
 

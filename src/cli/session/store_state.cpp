@@ -1,4 +1,4 @@
-#include "cli/store_state.h"
+#include "cli/session/store_state.h"
 
 #include "base/fd.h"
 #include "db/sqlite_handle.h"

@@ -1,10 +1,10 @@
 // tree check: what the author of a parameter tree should know.
 
-#include "cli/commands.h"
-#include "cli/listing.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
-#include "cli/tree_check.h"
+#include "cli/commands/commands.h"
+#include "cli/output/listing.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
+#include "cli/tree_check/tree_check.h"
 
 namespace kelconf::cli {
 
@@ -38,7 +38,7 @@ std::uint64_t countOf(const TreeReport& report, Severity severity) {
 
 void printText(const Options& options, const std::string& file, const TreeReport& report) {
     const Style style = styleOf(options);
-    const std::string_view end{options.null_ended ? "\0" : "\n", 1};
+    const std::string_view end = options.entryEnd();
     const std::string shown_file = shownText(file);
     for (const Finding& finding : report.findings) {
         out(shown_file + ":" + std::to_string(finding.line) + ": ");

@@ -1,15 +1,14 @@
-#include "cli/changes.h"
+#include "cli/session/changes.h"
 
 #include "catalog/secrets.h"
 #include "catalog/value_rules.h"
-#include "cli/output.h"
-#include "cli/shown_text.h"
+#include "cli/output/output.h"
+#include "cli/output/shown_text.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <optional>
 
 namespace kelconf::cli {
@@ -76,16 +75,6 @@ std::size_t batchEnd(const std::vector<Change>& changes, std::size_t from) {
     return end;
 }
 
-kelbus_error sendBatch(const Bus& bus, const std::vector<Change>& changes, std::size_t from,
-                       std::size_t end, kelbus_kind kind) {
-    std::vector<kelbus_parameter> parameters;
-    parameters.reserve(end - from);
-    for (std::size_t i = from; i < end; ++i) {
-        parameters.push_back({changes[i].name.c_str(), changes[i].value.c_str()});
-    }
-    return kelbus_set_many(bus.client.get(), parameters.data(), parameters.size(), kind, bus.limit);
-}
-
 // Ctrl-C and its like wait while a request is under way, and are asked for in between.
 sigset_t stopSignals() {
     sigset_t set;
@@ -111,9 +100,7 @@ int waitingSignal() {
 class Progress {
   public:
     explicit Progress(std::size_t total) : total_(total) {
-        const char* term = std::getenv("TERM");
-        shown_ = total > kMostValues && onTerminal(STDERR_FILENO) && term != nullptr &&
-                 std::string_view{term} != "dumb";
+        shown_ = total > kMostValues && onTerminal(STDERR_FILENO) && !dumbTerminal();
     }
     ~Progress() { clear(); }
     Progress(const Progress&) = delete;
@@ -211,6 +198,15 @@ bool allAllowed(const std::vector<Change>& changes, bool force) {
     return allowed;
 }
 
+kelbus_error sendChanges(const Bus& bus, std::span<const Change> changes, kelbus_kind kind) {
+    std::vector<kelbus_parameter> parameters;
+    parameters.reserve(changes.size());
+    for (const Change& change : changes) {
+        parameters.push_back({change.name.c_str(), change.value.c_str()});
+    }
+    return kelbus_set_many(bus.client.get(), parameters.data(), parameters.size(), kind, bus.limit);
+}
+
 int applyChanges(const Bus& bus, const std::vector<Change>& changes, kelbus_kind kind,
                  const char* doing) {
     const sigset_t signals = stopSignals();
@@ -227,7 +223,8 @@ int applyChanges(const Bus& bus, const std::vector<Change>& changes, kelbus_kind
             return kBySignal + number; // still blocked: the process ends by itself
         }
         const std::size_t end = batchEnd(changes, done);
-        const kelbus_error error = sendBatch(bus, changes, done, end, kind);
+        const kelbus_error error =
+            sendChanges(bus, std::span{changes}.subspan(done, end - done), kind);
         if (error != KELBUS_OK) {
             progress.clear();
             complain(std::string{doing} + " stopped: " + failureText(bus, error));
