@@ -1,7 +1,9 @@
-# Every target of the project links kelconf_warnings; warnings are errors.
+# Every target of the project links kelconf_warnings. Warnings are errors in the presets only: a
+# compiler that came later and warns of more must not break a plain build.
 add_library(kelconf_warnings INTERFACE)
 target_compile_options(kelconf_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Werror -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wundef
+  $<$<BOOL:${KELCONF_WERROR}>:-Werror>
+  -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wundef
   -Wcast-align -Wcast-qual -Wnull-dereference -Wdouble-promotion -Wimplicit-fallthrough
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual>
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast>)
