@@ -36,3 +36,19 @@ for program in "$work/shared" "$work/static" "$work/build/kelbus-get-set"; do
 done
 foreign=$(nm -D --defined-only "$lib/libkelbus.so" | grep -v ' kelbus_\| KELBUS_' || true)
 [ -z "$foreign" ] || { echo "FAILED: symbols that are not ours: $foreign"; exit 1; }
+
+# What programs are linked against today stays under the version that they know.
+versions=$(nm -D --defined-only --with-symbol-versions "$lib/libkelbus.so")
+for symbol in kelbus_get@@KELBUS_1 kelbus_watch_open@@KELBUS_1 kelbus_list@@KELBUS_1.1; do
+    grep -q " $symbol\$" <<<"$versions" || { echo "FAILED: no symbol $symbol"; exit 1; }
+done
+# The module finds the library that it was installed with.
+module=$(find "$prefix" -name kelbus -path '*-packages/*')
+said=$(PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=${module%/*} python3 -c '
+import kelbus
+try: kelbus.Client().get("no.such")
+except kelbus.KelbusError as error: print(kelbus.__version__, error)')
+case $said in
+    0.*) echo "ok: python: $said" ;;
+    *) echo "FAILED: python: $said" && exit 1 ;;
+esac

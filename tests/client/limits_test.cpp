@@ -46,7 +46,7 @@ int resultUnder(__rlimit_resource limit, rlim_t amount, const Use& use) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-rlim_t addressSpace() {
+[[maybe_unused]] rlim_t addressSpace() {
     return std::stoul(readFile("/proc/self/statm")) * static_cast<rlim_t>(getpagesize());
 }
 
