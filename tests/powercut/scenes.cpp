@@ -268,9 +268,11 @@ class Stage {
         }
         const std::size_t at = how == "page" ? found / kPage * kPage : found;
         const std::string bytes = how == "page" ? std::string(16, '\0') : "#";
+        const auto written = std::filesystem::last_write_time(kLive);
         std::fstream{kLive, std::ios::in | std::ios::out | std::ios::binary}.seekp(
             static_cast<std::streamoff>(at))
             << bytes;
+        std::filesystem::last_write_time(kLive, written); // rot leaves no trace in the times
         mark(Op::kWrite, kLive, bytes, inodeOf(kLive), static_cast<std::int64_t>(at));
         mark(Op::kSync);
     }
