@@ -10,7 +10,7 @@ namespace kelconf::cli {
 struct StoreFile {
     const char* path;
     const char* sidecar;
-    const char* witness; // change counter of the last sealing (files/live_seal.h); null: none
+    const char* witness; // change counter of the last sealing (live/seal.h); null: none
     const char* journal; // null: not looked at
     const char* table;   // whose rows are counted
 };
