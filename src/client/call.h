@@ -2,10 +2,10 @@
 // whole. Most calls are one request; telling which names are unknown may take more.
 #pragma once
 
+#include "base/fd.h"
 #include "client/client.h"
 #include "client/unknown_names.h"
 #include "client/values.h"
-#include "base/fd.h"
 
 #include <memory>
 #include <optional>

@@ -1,11 +1,11 @@
 // The watch of kelbus.h.
+#include "base/fd.h"
 #include "bus/endpoints.h"
 #include "client/client_context.h"
 #include "client/connection.h"
 #include "client/deadline.h"
 #include "client/reply_document.h"
 #include "client/watched_values.h"
-#include "base/fd.h"
 #include "kelbus.h"
 
 #include <poll.h>

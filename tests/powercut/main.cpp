@@ -18,9 +18,9 @@ namespace kelconf::powercut {
 namespace {
 
 struct Options {
-    std::size_t most = 48;    // ways at each position (ordered: and prefix)
+    std::size_t most = 48;     // ways at each position (ordered: and prefix)
     std::size_t images = 5000; // of a scene and model: all that differ
-    std::size_t shown = 3;    // failures of a kind
+    std::size_t shown = 3;     // failures of a kind
     std::vector<std::string> scenes;
     std::vector<Model> models{Model::kOrdered, Model::kLoose};
     bool keep = false, trace = false, list = false;

@@ -1,8 +1,8 @@
 #include "powercut/scenes.h"
 
+#include "base/fd.h"
 #include "daemon/bus_client.h"
 #include "daemon/daemon_process.h"
-#include "base/fd.h"
 #include "powercut/judge.h"
 #include "support/files.h"
 
