@@ -174,9 +174,6 @@ kelbus_error takeNext(kelbus_watch& watch, kelbus_change& change) {
     if (error != KELBUS_OK) {
         return error;
     }
-    if (watch.values.pending()) {
-        return KELBUS_TIMEOUT;
-    }
     return takeValue(watch, change) || takeChange(watch, change) ? KELBUS_OK : KELBUS_TIMEOUT;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <thread>
 
 namespace kelconf::test {
 namespace {
@@ -146,8 +147,13 @@ TEST_F(Request, FitsAnEventLoop) {
     ASSERT_EQ(kelbus_start_list(bus_.get(), "", &requests[1]), KELBUS_OK);
     kelbus_values* values = nullptr;
     EXPECT_EQ(kelbus_request_finish(requests[1], &values, 10), KELBUS_TIMEOUT);
-    service_->killNow();
+    std::thread killer{[&] {
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds{50}); // while the descriptor is polled
+        service_->killNow();
+    }};
     EXPECT_EQ(finished(requests[1]), (Answer{KELBUS_NO_SERVICE, {}})) << "told by the descriptor";
+    killer.join();
     kelbus_request_cancel(requests[0]);
     EXPECT_EQ(kelbus_start_list(bus_.get(), "", &requests[2]), KELBUS_NO_SERVICE);
     EXPECT_EQ(requests[2], nullptr);
