@@ -15,6 +15,7 @@ namespace {
 
 // The one file that libxml2 may open in this thread, and what came of it.
 struct Reading {
+    bool running = false;       // while it does, every name that libxml2 asks for ends here
     const char* path = nullptr; // null once opened: whatever is asked for next is refused
     Fd fd;
     int error = 0;
@@ -22,13 +23,16 @@ struct Reading {
 
 thread_local Reading reading;
 
+// An opening that fails would only send libxml2 to its next handler.
+Fd refused;
+
 int matchTree(const char* /*name*/) {
-    return 1; // every name ends here, so that no other handler of libxml2 opens a file
+    return reading.running ? 1 : 0;
 }
 
 void* openTree(const char* /*name*/) {
     if (reading.path == nullptr) {
-        return nullptr;
+        return &refused;
     }
     // A pipe that nobody writes to is not waited for.
     reading.fd = Fd{open(reading.path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
@@ -37,24 +41,24 @@ void* openTree(const char* /*name*/) {
         reading.error = errno;
         return nullptr;
     }
-    return &reading;
+    return &reading.fd;
 }
 
 int readTree(void* context, char* buffer, int length) {
-    auto& state = *static_cast<Reading*>(context);
-    const ssize_t got = readSome(state.fd.get(), buffer, static_cast<std::size_t>(length));
-    if (got < 0) {
-        state.error = errno;
+    const Fd& file = *static_cast<Fd*>(context);
+    const ssize_t got = readSome(file.get(), buffer, static_cast<std::size_t>(length));
+    if (got < 0 && file) {
+        reading.error = errno;
     }
     return static_cast<int>(got);
 }
 
 int closeTree(void* context) {
-    static_cast<Reading*>(context)->fd.close();
+    static_cast<Fd*>(context)->close();
     return 0;
 }
 
-// Registered once for the process. The newest handler is asked first, and ours takes all.
+// Registered once for the process. The newest handler is asked first.
 void takeOverInput() {
     static const int registered =
         (xmlInitParser(), xmlRegisterInputCallbacks(matchTree, openTree, readTree, closeTree));
@@ -65,7 +69,7 @@ void takeOverInput() {
 
 XmlDoc readTreeFile(const char* path, int* error) {
     takeOverInput();
-    reading = Reading{path, Fd{}, 0};
+    reading = Reading{true, path, Fd{}, 0};
     XmlDoc document{xmlReadFile(path, nullptr, XML_PARSE_BIG_LINES)};
     const int failure = reading.error;
     reading = Reading{};

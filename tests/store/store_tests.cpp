@@ -8,22 +8,27 @@
 #include "support/records.h"
 #include "text/text.h"
 #include "tree/conf_builders.h"
+#include "tree/tree_file.h"
 #include "tree/xitem.h"
 
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
 #include <md5.h>
 
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace kelconf::test {
 namespace {
 
+namespace fs = std::filesystem;
 using Records = std::vector<std::string>;
-constexpr const char* kNoTable = "2 SQL error: no such table: CONFIGDEFAULT\n";
-constexpr const char* kCannotOpen = "0 Can't open database: unable to open database file\n";
+using Connection = std::unique_ptr<sqlite3, decltype(&sqlite3_close)>;
 constexpr const char* kChecking = "0 checking /mnt/nand/conf/default.db integrity\n";
+constexpr const char* kLiveTable = "CREATE TABLE CONFIG( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT      "
+                                   "         ,TYPE  TEXT           )";
 
 std::string md5Of(const std::string& bytes) {
     MD5_CTX context;
@@ -32,6 +37,14 @@ std::string md5Of(const std::string& bytes) {
     std::string digest(16, '\0');
     MD5Final(reinterpret_cast<unsigned char*>(digest.data()), &context);
     return digest;
+}
+
+// A transaction of somebody else.
+Connection held(const char* path, const char* script) {
+    sqlite3* other = nullptr;
+    sqlite3_open(path, &other);
+    EXPECT_EQ(sqlite3_exec(other, script, nullptr, nullptr, nullptr), SQLITE_OK);
+    return {other, sqlite3_close};
 }
 
 class Store : public testing::Test {
@@ -45,7 +58,7 @@ class Store : public testing::Test {
     // Every record since the last call, as "LEVEL TEXT", and that both sinks agree on them.
     Records logged() { return sameInBothSinks(log.take()); }
 
-    static void add(const char* name, const char* value) {
+    static void add(const char* name, const char* value = "v") {
         const xitem item{newText(name),      newText(value),    newText("type'"),
                          newText("range\""), newText("step"),   newText("options;"),
                          newText("mode"),    newText("access"), 0};
@@ -54,8 +67,6 @@ class Store : public testing::Test {
 
     DeviceLog log;
 };
-
-// ---- The default table ----
 
 TEST_F(Store, CreatesTheTableAsDescribed) {
     for (const Records& records : {Records{"0 Table created successfully\n"}, Records{}}) {
@@ -70,18 +81,18 @@ TEST_F(Store, CreatesTheTableAsDescribed) {
 }
 
 TEST_F(Store, WritesTextsExactlyAndTheFirstOfTwoNames) {
-    const std::string texts[] = {"", "it''s \" %s%n?1:a@b$c", "'); DROP TABLE CONFIGDEFAULT; --",
-                                 "\xc3\xbc\n\t ", std::string(1 << 20, 'y') + "'"};
     createDefaultSQLTable();
     initXitemList();
     SqlRows expected;
-    for (const std::string& text : texts) {
+    for (const std::string& text :
+         {std::string{}, std::string{"it''s \" %s%n?1:a@b$c"}, std::string(1 << 20, 'y') + "'",
+          std::string{"'); DROP TABLE CONFIGDEFAULT; --\xc3\xbc\n\t "}}) {
         const std::string name = "n'" + std::to_string(expected.size());
         add(name.c_str(), text.c_str());
         expected.push_back({name, text, "type'", "range\"", "step", "access", "options;"});
     }
     add("n'0", "second");
-    log.take();
+    logged();
     EXPECT_EQ(insertDefaultSQLEntry(), 1);
     delXitemList();
     EXPECT_EQ(logged(), Records{"2 SQL error: UNIQUE constraint failed: CONFIGDEFAULT.NAME\n"});
@@ -91,45 +102,60 @@ TEST_F(Store, WritesTextsExactlyAndTheFirstOfTwoNames) {
     EXPECT_FALSE(storageFaultNoted()) << "a refused duplicate is ordinary";
 }
 
-// Fills, scans and compacts what stands in the database's place.
+// Fills, scans and compacts the default database, then fills and compacts the live one.
 TEST_F(Store, WhatStandsInTheWayIsLoggedAndNoted) {
-    std::unique_ptr<sqlite3, decltype(&sqlite3_close)> lock(nullptr, sqlite3_close);
+    std::vector<Connection> locks;
+    const auto lock = [&](const char* script) {
+        return [&locks, script](const char* path) { locks.push_back(held(path, script)); };
+    };
+    const std::string no_table = "SQL error: no such table: CONFIGDEFAULT\n";
+    const std::string locked = "SQL error: database is locked\n";
+    const std::string cannot = "0 Can't open database: unable to open database file\n";
+    const std::string no_vacuum = "2 execute vacuum error\n";
+    const std::string done = "0 insert finishes\n";
     const struct {
-        std::function<void()> make;
-        std::int32_t filled;
+        std::function<void(const char* path)> make;
+        bool filled, sound;
         Records records;
     } cases[] = {
-        {[] {}, 1, {kNoTable, kNoTable, kChecking, std::string(kNoTable).replace(0, 1, "0")}},
-        {[&] {
-             sqlite3* other = nullptr;
-             sqlite3_open(paths::kDefaultDb, &other);
-             lock.reset(other);
-             sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-         },
-         1,
-         {"2 PRAGMA NORMAL error:database is locked\n", "2 SQL error: database is locked\n",
-          "2 SQL error: database is locked\n", kChecking, "0 SQL error: database is locked\n",
-          "2 execute vacuum error\n"}},
-        {[] {
-             std::filesystem::remove(paths::kDefaultDb);
-             std::filesystem::create_directory(paths::kDefaultDb);
-         },
-         0,
-         {kCannotOpen, kChecking, kCannotOpen, "2 database open error\n"}},
+        {[](auto) {},
+         true,
+         false,
+         {"2 " + no_table, "2 " + no_table, kChecking, "0 " + no_table, done}},
+        {lock("CREATE TABLE CONFIGDEFAULT(NAME,VALUE,TYPE,RANGE,STEP,HTTP_ACCESS,OPTIONS);"
+              "CREATE TABLE CONFIG(NAME,VALUE,TYPE);BEGIN;SELECT * FROM CONFIG"),
+         true,
+         true,
+         {"2 end trans error\n", kChecking, no_vacuum, "0 end trans error\n", done, no_vacuum}},
+        {lock("BEGIN EXCLUSIVE"),
+         true,
+         false,
+         {"2 PRAGMA NORMAL error:database is locked\n", "2 " + locked, "2 " + locked, kChecking,
+          "0 " + locked, no_vacuum, "0 PRAGMA OFF error\n", done, no_vacuum}},
+        {[](auto path) { fs::remove(path), fs::create_directory(path); },
+         false,
+         false,
+         {cannot, kChecking, cannot, "2 database open error\n", cannot, "2 database open error\n"}},
     };
+    initXitemList();
+    add("a");
+    add("b");
     for (const auto& c : cases) {
+        c.make(paths::kDefaultDb);
+        c.make(paths::kLiveDb);
         clearStorageFault();
-        c.make();
-        initXitemList();
-        add("a", "1");
-        add("b", "2");
-        EXPECT_EQ(insertDefaultSQLEntry(), c.filled);
-        delXitemList();
+        EXPECT_EQ(insertDefaultSQLEntry(), c.filled ? 1 : 0);
         EXPECT_TRUE(storageFaultNoted());
-        EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), 0);
+        EXPECT_EQ(checkDefaultDataBaseIntegrity(paths::kDefaultDb), c.sound ? 1 : 0);
         shrinkDB(paths::kDefaultDb);
+        clearStorageFault();
+        addXItemInDatabase();
+        EXPECT_TRUE(storageFaultNoted());
+        shrinkDB(paths::kLiveDb);
         EXPECT_EQ(logged(), c.records);
+        locks.clear();
     }
+    delXitemList();
 }
 
 TEST_F(Store, IntegrityIsAFullScan) {
@@ -137,128 +163,102 @@ TEST_F(Store, IntegrityIsAFullScan) {
     writeFile(path, "no database at all, but long enough to be read as the head of one.......");
     EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 0);
     EXPECT_EQ(logged(), (Records{kChecking, "0 SQL error: file is not a database\n"}));
-    std::filesystem::remove(path);
+    fs::remove(path);
     createDefaultSQLTable();
     sql(path, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n LIMIT 2000)"
               " INSERT INTO CONFIGDEFAULT SELECT i,i,i,i,i,i,i FROM n");
     EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 1);
-    std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+    fs::resize_file(path, fs::file_size(path) / 2);
     EXPECT_EQ(checkDefaultDataBaseIntegrity(path.c_str()), 0) << "cut in the middle";
-}
-
-TEST_F(Store, ShrinkGivesPagesBack) {
-    createDefaultSQLTable();
-    sql(paths::kDefaultDb, "INSERT INTO CONFIGDEFAULT(NAME,VALUE) VALUES('a',zeroblob(100000));"
-                           "DELETE FROM CONFIGDEFAULT");
-    shrinkDB(paths::kDefaultDb);
-    EXPECT_EQ(sql(paths::kDefaultDb, "PRAGMA freelist_count"), (SqlRows{{"0"}}));
 }
 
 // ---- Sidecars ----
 
-constexpr const char* kFile = "/mnt/nand/conf/guarded";
-constexpr const char* kSeal = "/mnt/nand/conf/guarded.md5";
-
 TEST_F(Store, SidecarIsTheRawDigestAndWhatFollowsItStays) {
-    for (const std::size_t size : {0U, 64U, 131072U, 1000003U}) {
-        const std::string content(size, 'k');
-        writeFile(kFile, content);
-        EXPECT_TRUE(createFileMD5(kFile, kSeal));
-        EXPECT_EQ(readFile(kSeal), md5Of(content)) << size;
+    const char* file = "/mnt/nand/conf/guarded";
+    const char* seal = "/mnt/nand/conf/guarded.md5";
+    for (const std::size_t size : {0U, 1000003U}) {
+        writeFile(file, std::string(size, 'k'));
+        EXPECT_TRUE(createFileMD5(file, seal));
+        EXPECT_EQ(readFile(seal), md5Of(std::string(size, 'k'))) << size;
     }
-    EXPECT_EQ(std::filesystem::status(kSeal).permissions(), std::filesystem::perms(0644));
-    writeFile(kFile, "content");
+    EXPECT_EQ(fs::status(seal).permissions(), fs::perms(0644));
+    writeFile(file, "content");
     const std::string digest = md5Of("content");
     const std::pair<std::string, bool> cases[] = {
         {digest, true},
         {digest + "more", true},
         {"", false},
         {digest.substr(0, 15), false},
-        {std::string(16, '\0'), false},
         {digest.substr(0, 15) + static_cast<char>(digest[15] ^ 1), false},
     };
     for (const auto& [content, matches] : cases) {
-        writeFile(kSeal, content);
-        EXPECT_EQ(checkFileMD5(kFile, kSeal), matches) << content;
+        writeFile(seal, content);
+        EXPECT_EQ(checkFileMD5(file, seal), matches) << content;
     }
-    writeFile(kSeal, std::string(16, 'o') + "tail");
-    EXPECT_TRUE(createFileMD5(kFile, kSeal));
+    writeFile(seal, std::string(16, 'o') + "tail");
+    EXPECT_TRUE(createFileMD5(file, seal));
     EXPECT_TRUE(logged().empty());
-    std::filesystem::remove(kFile);
-    EXPECT_FALSE(createFileMD5(kFile, kSeal));
+    fs::remove(file);
+    EXPECT_FALSE(createFileMD5(file, seal));
     EXPECT_EQ(logged(), Records{"2 create hash failed \n"});
-    EXPECT_EQ(readFile(kSeal), digest + "tail");
-    writeFile(kFile, "content");
-    std::filesystem::remove(kSeal);
-    std::filesystem::create_directory(kSeal);
-    EXPECT_FALSE(checkFileMD5(kFile, kSeal));
-    EXPECT_FALSE(createFileMD5(kFile, kSeal));
+    EXPECT_EQ(readFile(seal), digest + "tail");
+    writeFile(file, "content");
+    fs::remove(seal);
+    fs::create_directory(seal);
+    EXPECT_FALSE(checkFileMD5(file, seal));
+    EXPECT_FALSE(createFileMD5(file, seal));
     EXPECT_TRUE(logged().empty()) << "a sidecar that cannot be opened is silent";
 }
 
-TEST_F(Store, GuardedPairs) {
+TEST_F(Store, GuardedPairsAndPresence) {
     const struct {
         bool (*check)();
         const char *file, *seal, *without_seal, *mismatch; // records, the latter without file too
+        bool (*present)();
+        const char* absent;
     } pairs[] = {
         {checkDefaultConfigDBMD5, paths::kDefaultDb, paths::kDefaultDbMd5, nullptr,
-         "2 default database MD5 checksum error\n"},
+         "2 default database MD5 checksum error\n", checkDefaultFile, "0 default file missing\n"},
         {checkConfigDBMD5, paths::kLiveDb, paths::kLiveDbMd5, nullptr,
-         "2 Config database MD5 checksum error\n"},
+         "2 Config database MD5 checksum error\n", checkConfFile, "0 conf file missing\n"},
         {checkConfigBackupDBMD5, paths::kBackupDb, paths::kBackupDbMd5, nullptr,
-         "2 backup database MD5 checksum error\n"},
+         "2 backup database MD5 checksum error\n", checkConfBackupFile,
+         "0 conf backup file missing\n"},
         {checkXMLFileStatus, paths::kNeutralTree, paths::kNeutralTreeMd5, "0 XMl has new update\n",
-         "0 XMl has new update\n"},
+         "0 XMl has new update\n", nullptr, nullptr},
         {checkExtXMLFileStatus, paths::kExtTree, paths::kExtTreeMd5, "0 Ext XMl has new update\n",
-         "0 Ext XMl has new update\n"},
+         "0 Ext XMl has new update\n", extTreeFileExist, nullptr},
     };
     for (const auto& pair : pairs) {
         SCOPED_TRACE(pair.file);
-        const auto expect = [&](bool result, const char* text) {
-            EXPECT_EQ(pair.check(), result);
+        const auto expect = [&](bool (*check)(), bool result, const char* text) {
+            EXPECT_EQ(check(), result);
             EXPECT_EQ(logged(), text == nullptr ? Records{} : Records{text});
         };
         writeFile(pair.file, "content");
-        expect(false, pair.without_seal);
+        expect(pair.check, false, pair.without_seal);
         createFileMD5(pair.file, pair.seal);
-        expect(true, nullptr);
+        expect(pair.check, true, nullptr);
         writeFile(pair.file, "Content");
-        expect(false, pair.mismatch);
-        std::filesystem::remove(pair.file);
-        expect(false, pair.mismatch);
-    }
-}
-
-TEST_F(Store, Presence) {
-    const struct {
-        bool (*check)();
-        const char* path;
-        Records absent;
-    } cases[] = {
-        {checkDefaultFile, paths::kDefaultDb, {"0 default file missing\n"}},
-        {checkConfFile, paths::kLiveDb, {"0 conf file missing\n"}},
-        {checkConfBackupFile, paths::kBackupDb, {"0 conf backup file missing\n"}},
-        {extTreeFileExist, paths::kExtTree, {}},
-    };
-    for (const auto& c : cases) {
-        EXPECT_FALSE(c.check());
-        EXPECT_EQ(logged(), c.absent);
-        std::filesystem::create_directory(c.path);
-        EXPECT_TRUE(c.check()) << "whatever kind of file it is";
-        EXPECT_TRUE(logged().empty());
+        expect(pair.check, false, pair.mismatch);
+        fs::remove(pair.file);
+        expect(pair.check, false, pair.mismatch);
+        if (pair.present != nullptr) {
+            expect(pair.present, false, pair.absent);
+            fs::create_directory(pair.file); // whatever kind of file it is
+            expect(pair.present, true, nullptr);
+        }
     }
     EXPECT_FALSE(storageFaultNoted());
 }
 
-// ---- Builders of the live table ----
-
-constexpr const char* kLiveTable = "CREATE TABLE CONFIG( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT      "
-                                   "         ,TYPE  TEXT           )";
-constexpr const char* kAllLive = "SELECT NAME,VALUE,TYPE FROM CONFIG ORDER BY NAME";
+// ---- Builders ----
 
 TEST_F(Store, LiveBuilderAddsWhatIsMissing) {
     sql(paths::kLiveDb, kLiveTable);
-    sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES('private.kept','mine','string')");
+    sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES('private.kept','mine','string'),"
+                        "('x',zeroblob(100000),'');DELETE FROM CONFIG WHERE NAME='x'");
     writeFile(paths::kNeutralTree,
               "<r><ipcam type='trunk'><video type='branch'><x type='int'>1</x></video></ipcam>"
               "<IPCAM type='trunk'><x type='int'>1</x></IPCAM>"
@@ -269,55 +269,33 @@ TEST_F(Store, LiveBuilderAddsWhatIsMissing) {
         initXitemList();
         createConf();
         EXPECT_EQ(logged(), Records{"0 insert finishes\n"});
-        EXPECT_EQ(sql(paths::kLiveDb, kAllLive), (SqlRows{{"ipcamera.x", "2", "int"},
-                                                          {"private.kept", "mine", "string"},
-                                                          {"private.q", "it's", "s"}}));
+        EXPECT_EQ(sql(paths::kLiveDb, "SELECT NAME,VALUE,TYPE FROM CONFIG ORDER BY NAME"),
+                  (SqlRows{{"ipcamera.x", "2", "int"},
+                           {"private.kept", "mine", "string"},
+                           {"private.q", "it's", "s"}}));
+        EXPECT_EQ(sql(paths::kLiveDb, "PRAGMA freelist_count"), (SqlRows{{"0"}})) << "compacted";
     }
     EXPECT_FALSE(storageFaultNoted());
 }
 
-TEST_F(Store, LiveBuilderOfAnExtension) {
-    const struct {
-        void (*make)();
-        const char* tree;
-        Records records;
-        bool fault;
-    } cases[] = {
-        {[] { sql(paths::kLiveDb, kLiveTable); },
-         "<r><t type='trunk'>\n<m type='multiple_instance' number='2147483647'>"
-         "<x type='i'/></m></t></r>",
-         {"2 tree over the expansion limit: 1 elements left out or not repeated, first t.m in line "
-          "2\n",
-          "0 insert finishes\n"},
-         false},
-        {[] { sql(paths::kLiveDb, "DROP TABLE CONFIG"); },
-         "<r><t type='trunk'><x type='int'>1</x></t></r>",
-         {"0 insert finishes\n"}, // each row fails without a message
-         true},
-        {[] {
-             std::filesystem::remove(paths::kLiveDb);
-             std::filesystem::create_directory(paths::kLiveDb);
-         },
-         "<r/>",
-         {kCannotOpen, "2 database open error\n"},
-         true},
-        // No compaction, no table touched.
-        {[] {}, "<r>", {"2 error: could not parse file "}, false},
-    };
-    for (const auto& c : cases) {
-        clearStorageFault();
-        c.make();
-        writeFile(paths::kExtTree, c.tree);
+TEST_F(Store, ATreeThatCannotBeUsedIsReported) {
+    sql(paths::kLiveDb, kLiveTable);
+    sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES('x',zeroblob(100000),'');DELETE FROM CONFIG");
+    const std::string unused = sql(paths::kLiveDb, "PRAGMA freelist_count")[0][0];
+    for (const char* tree : {"<r>", "<r><t type='trunk'>\n<m type='multiple_instance' "
+                                    "number='2147483647'><x type='i'/></m></t></r>"}) {
+        writeFile(paths::kExtTree, tree);
+        const bool sound = tree[3] != '\0';
         initXitemList();
         createExtConf();
-        EXPECT_EQ(logged(), c.records);
-        EXPECT_EQ(storageFaultNoted(), c.fault);
+        EXPECT_EQ(logged(), sound ? (Records{"2 tree over the expansion limit: 1 elements left out "
+                                             "or not repeated, first t.m in line 2\n",
+                                             "0 insert finishes\n"})
+                                  : Records{"2 error: could not parse file "});
+        EXPECT_EQ(sql(paths::kLiveDb, "PRAGMA freelist_count")[0][0], sound ? "0" : unused);
     }
-    EXPECT_EQ(CheckXitemListLength(), 0);
-    delXitemList();
-}
-
-TEST_F(Store, NeutralTreeThatCannotBeParsedEndsTheProcess) {
+    EXPECT_FALSE(storageFaultNoted());
+    writeFile(paths::kNeutralTree, "<r>");
     for (void (*build)() : {+[] { createDefaultConf(); }, +[] { createConf(); }}) {
         const auto end = [&] {
             initXitemList();
@@ -329,13 +307,37 @@ TEST_F(Store, NeutralTreeThatCannotBeParsedEndsTheProcess) {
     }
 }
 
+// While it reads a tree, libxml2 may ask for other files: here it does.
+xmlExternalEntityLoader load_entity = nullptr;
+int read_of_other = 0;
+xmlParserInput* loadTwo(const char* url, const char* id, xmlParserCtxt* context) {
+    xmlParserInput* tree = load_entity(url, id, context);
+    xmlParserInputBuffer* other =
+        xmlParserInputBufferCreateFilename("/mnt/nand/conf/other.xml", XML_CHAR_ENCODING_NONE);
+    read_of_other = other == nullptr ? 0 : xmlParserInputBufferRead(other, 4);
+    xmlFreeParserInputBuffer(other);
+    return tree;
+}
+
+TEST_F(Store, NoFileButTheTreeIsOpened) {
+    writeFile(paths::kExtTree, "<ext/>");
+    writeFile("/mnt/nand/conf/other.xml", "<other/>");
+    load_entity = xmlGetExternalEntityLoader();
+    xmlSetExternalEntityLoader(loadTwo);
+    EXPECT_NE(readTreeFile(paths::kExtTree), nullptr);
+    EXPECT_LE(read_of_other, 0);
+    xmlSetExternalEntityLoader(load_entity);
+}
+
 TEST_F(Store, DumpShowsEveryField) {
     initXitemList();
-    add("n", "v");
+    add("n");
+    add("m");
     dumpXitemlist();
     delXitemList();
-    EXPECT_EQ(logged(), Records{"0 0 name:n value:v type:type' range:range\" step:step "
-                                "options:options; mode:mode http_access:access \n"});
+    const std::string fields = " value:v type:type' range:range\" step:step options:options; "
+                               "mode:mode http_access:access \n";
+    EXPECT_EQ(logged(), (Records{"0 0 name:n" + fields, "0 1 name:m" + fields}));
 }
 
 } // namespace
