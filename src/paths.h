@@ -15,6 +15,8 @@ inline constexpr const char* kExtTreeMd5 = "/mnt/nand/conf/ext_tree.xml.md5";
 inline constexpr const char* kDefaultDb = "/mnt/nand/conf/default.db";
 inline constexpr const char* kDefaultDbMd5 = "/mnt/nand/conf/default.db.md5";
 inline constexpr const char* kDefaultDbJournal = "/mnt/nand/conf/default.db-journal";
+inline constexpr const char* kDefaultDbWal = "/mnt/nand/conf/default.db-wal";
+inline constexpr const char* kDefaultDbShm = "/mnt/nand/conf/default.db-shm";
 
 // Live values and their mirror.
 inline constexpr const char* kLiveDb = "/mnt/nand/conf/conf.db";
@@ -43,5 +45,11 @@ inline constexpr const char* kBackupDirectory = "/mnt/backup/conf";
 
 // A value that contains this text names a file in that directory.
 inline constexpr const char* kFileStorage = "/mnt/nand/conf/fileStorage/";
+
+// What the kernel gives.
+inline constexpr const char* kConsole = "/dev/console";
+inline constexpr const char* kNull = "/dev/null";
+inline constexpr const char* kStandardInput = "/dev/stdin";
+inline constexpr const char* kProcessStatus = "/proc/%d/status"; // a format, for a process id
 
 } // namespace kelconf::paths

@@ -2,12 +2,12 @@
 // and can be read, and builds it afresh from the parameter trees when not. One run to
 // completion on one thread; arguments and environment are ignored; exit status 0 in every case.
 
+#include "builders/conf_builders.h"
 #include "db/default_db.h"
 #include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
 #include "paths.h"
-#include "tree/conf_builders.h"
 #include "tree/xitem.h"
 
 #include <malloc.h>
@@ -23,9 +23,8 @@ namespace kelconf {
 namespace {
 
 // What SQLite may leave beside the database: a rollback journal, a write-ahead log and its index.
-constexpr std::array kLeftOvers = {"/mnt/nand/conf/default.db-journal",
-                                   "/mnt/nand/conf/default.db-wal",
-                                   "/mnt/nand/conf/default.db-shm"};
+constexpr std::array kLeftOvers = {paths::kDefaultDbJournal, paths::kDefaultDbWal,
+                                   paths::kDefaultDbShm};
 
 // A finished build leaves nothing beside its file. What lies there would be rolled into the
 // database by its next reader, after its digest was found right. Where the storage refuses to

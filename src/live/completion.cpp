@@ -1,5 +1,6 @@
 #include "live/completion.h"
 
+#include "builders/conf_builders.h"
 #include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
 #include "live/password_state.h"
@@ -7,7 +8,6 @@
 #include "live/seal.h"
 #include "log/keldebug.h"
 #include "paths.h"
-#include "tree/conf_builders.h"
 #include "tree/xitem.h"
 
 #include <cstdlib>

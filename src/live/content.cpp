@@ -1,11 +1,11 @@
 #include "live/content.h"
 
+#include "builders/conf_builders.h"
 #include "live/files.h"
 #include "live/owed.h"
 #include "paths.h"
 #include "service/passwords.h"
 #include "text/text.h"
-#include "tree/conf_builders.h"
 
 #include <cstdint>
 #include <map>

@@ -1,5 +1,6 @@
 #include "live/load.h"
 
+#include "builders/conf_builders.h"
 #include "db/live_statements.h"
 #include "files/backup.h"
 #include "files/storage_fault.h"
@@ -10,7 +11,6 @@
 #include "paths.h"
 #include "service/param_list.h"
 #include "text/text.h"
-#include "tree/conf_builders.h"
 
 #include <map>
 #include <string>

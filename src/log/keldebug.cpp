@@ -1,5 +1,6 @@
 #include "log/keldebug.h"
 
+#include "paths.h"
 #include "text/text.h"
 
 #include <syslog.h>
@@ -20,7 +21,6 @@ namespace {
 constexpr std::size_t kMessageSize = 4096;
 constexpr std::size_t kNameSize = 256;
 constexpr std::size_t kStatusSize = 1024;
-constexpr const char* kConsole = "/dev/console";
 
 struct CloseFile {
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
@@ -52,7 +52,7 @@ const Severity& severityOf(std::int32_t level) {
 // not wait in a buffer of ours.
 void writeConsole(std::int32_t level, const std::tm& now, const char* process_name,
                   const char* message) {
-    const File console{std::fopen(kConsole, "we")};
+    const File console{std::fopen(paths::kConsole, "we")};
     if (!console) {
         return;
     }
@@ -82,7 +82,7 @@ std::string_view nameInStatusLine(std::string_view line) {
 
 std::int32_t findNameByPID(char* buffer, std::int32_t size, std::int32_t pid) {
     std::array<char, kStatusSize> text{};
-    std::snprintf(text.data(), text.size(), "/proc/%d/status", pid);
+    std::snprintf(text.data(), text.size(), paths::kProcessStatus, pid);
     const File status{std::fopen(text.data(), "re")};
     if (!status) {
         return 0;

@@ -1,6 +1,6 @@
 // Parameter items: what a parameter tree defines, and the list of one build.
 //
-// The walker (tree/tree_walker.h) makes the items; the builders (tree/conf_builders.h) and the
+// The walker (tree/tree_walker.h) makes the items; the builders (builders/conf_builders.h) and the
 // default table (db/default_db.h) read them. All items of one build live in one process-wide
 // list, xitem_list, in the order of the tree until they are sorted. Two items may have one
 // name; it is the databases' primary keys that refuse the second row.

@@ -1,5 +1,6 @@
 // The live database and its copies on real files: the operations, damage, seals and passwords.
 
+#include "builders/conf_builders.h"
 #include "db/live_db.h"
 #include "db/update_retries.h"
 #include "files/backup.h"
@@ -12,7 +13,6 @@
 #include "service/passwords.h"
 #include "support/files.h"
 #include "support/records.h"
-#include "tree/conf_builders.h"
 #include "tree/xitem.h"
 
 #include <gtest/gtest.h>

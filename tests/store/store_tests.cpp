@@ -1,5 +1,6 @@
 // Default table, sidecars and builders on the device's own paths: files, rows and log records.
 
+#include "builders/conf_builders.h"
 #include "db/default_db.h"
 #include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
@@ -7,7 +8,6 @@
 #include "support/files.h"
 #include "support/records.h"
 #include "text/text.h"
-#include "tree/conf_builders.h"
 #include "tree/tree_file.h"
 #include "tree/xitem.h"
 

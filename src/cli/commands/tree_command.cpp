@@ -5,6 +5,7 @@
 #include "cli/output/output.h"
 #include "cli/output/shown_text.h"
 #include "cli/tree_check/tree_check.h"
+#include "paths.h"
 
 namespace kelconf::cli {
 
@@ -83,7 +84,7 @@ void printJson(const std::string& file, const TreeReport& report) {
 
 int runTreeCheck(const Options& options) {
     const std::string& file = options.operands.front();
-    const TreeReport report = checkTree(file == "-" ? "/dev/stdin" : file.c_str());
+    const TreeReport report = checkTree(file == "-" ? paths::kStandardInput : file.c_str());
     if (!report.unreadable.empty()) {
         complain(file + ": " + report.unreadable);
         return kBroken;

@@ -1,6 +1,7 @@
 #include "cli/output/output.h"
 
 #include "cli/output/shown_text.h"
+#include "paths.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -48,7 +49,7 @@ void guardStandardDescriptors() {
         }
         // The wrong direction: reading and writing go on failing as on a closed one.
         const int flags = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
-        if (open("/dev/null", flags) != descriptor) {
+        if (open(paths::kNull, flags) != descriptor) {
             _exit(kBroken); // descriptors are given out from the lowest: this cannot be
         }
     }

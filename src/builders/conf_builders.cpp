@@ -1,4 +1,4 @@
-#include "tree/conf_builders.h"
+#include "builders/conf_builders.h"
 
 #include "db/default_db.h"
 #include "db/live_statements.h"
