@@ -1,7 +1,6 @@
 #include "container/position_index.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -27,8 +26,12 @@ bool makeRoom(PositionIndex& index) {
         index.slots = std::move(slots);
         index.size = size;
     } else {
-        std::memmove(index.slots.get() + (index.size - index.count) / 2, from,
-                     index.count * sizeof *from);
+        simlist_element** to = index.slots.get() + (index.size - index.count) / 2;
+        if (to < from) {
+            std::copy_n(from, index.count, to);
+        } else {
+            std::copy_backward(from, from + index.count, to + index.count);
+        }
     }
     index.first = (index.size - index.count) / 2;
     return true;
