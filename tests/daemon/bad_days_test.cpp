@@ -1,5 +1,4 @@
-// kelconfd on bad days: locks of other processes, a file that vanishes under the service, a flash
-// that takes nothing.
+// kelconfd on bad days: locks of other processes, a file that vanishes under the service.
 #include "daemon/bus_client.h"
 #include "daemon/daemon_process.h"
 #include "paths.h"
@@ -7,12 +6,7 @@
 #include "support/files.h"
 
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <filesystem>
 
 namespace kelconf::test {
@@ -129,48 +123,6 @@ TEST(LiveFile, ThatIsDeletedIsMadeAnewByTheUpkeep) {
     fs::remove(paths::kLiveDb);
     loggedUntil(log, "live database made anew from memory");
     EXPECT_EQ(stored("private.word"), "it's");
-}
-
-// A flash that takes nothing, with a write on it that was cut short: the file is neither to be
-// rolled back in place nor to be given up for its older backup.
-TEST(HotJournal, OnAFlashThatTakesNothingIsSettledInMemory) {
-    std::string elements = kWord;
-    for (int i = 0; i < 200; ++i) {
-        elements += leaf("filler" + std::to_string(i), "string", std::string(50, 'f'));
-    }
-    prepare(elements, {{"private.word", "older"}});
-    const std::string backup = contentOf(paths::kBackupDb);
-    {
-        Daemon daemon;
-        ASSERT_TRUE(daemon.awaitReady());
-        ASSERT_TRUE(set(kDirect, {{"private.word", "kept"}}));
-        daemon.killNow();
-    }
-    const pid_t writer = fork(); // killed in its transaction, after its first pages went in
-    if (writer == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        sqlite3* database = nullptr;
-        sqlite3_open(paths::kLiveDb, &database);
-        sqlite3_exec(database,
-                     "PRAGMA cache_size=1; BEGIN; UPDATE CONFIG SET VALUE=hex(zeroblob(9000));",
-                     nullptr, nullptr, nullptr);
-        kill(getpid(), SIGKILL);
-    }
-    waitpid(writer, nullptr, 0);
-    ASSERT_TRUE(exists(paths::kLiveDbJournal));
-    const std::string torn = contentOf(paths::kLiveDb);
-    for (const int error : {EROFS, EIO}) {
-        Daemon daemon{faults("fail-on 1 " + std::to_string(error) + " modify")};
-        ASSERT_TRUE(daemon.awaitReady());
-        EXPECT_EQ(valueOf("private.word"), "kept");
-        EXPECT_EQ(daemon.stop(), 0);
-        EXPECT_EQ(contentOf(paths::kLiveDb), torn);
-        EXPECT_EQ(contentOf(paths::kBackupDb), backup);
-    }
-    Daemon daemon;
-    ASSERT_TRUE(daemon.awaitReady());
-    EXPECT_EQ(valueOf("private.word"), "kept");
-    EXPECT_EQ(valueOf("private.filler7"), std::string(50, 'f'));
 }
 
 } // namespace

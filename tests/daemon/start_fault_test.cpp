@@ -6,8 +6,12 @@
 #include "support/files.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -133,6 +137,54 @@ TEST_F(Start, OnAFlashThatTakesNothingServesFromMemory) {
         }
         expectSoundStart();
     }
+}
+
+// A flash that takes nothing, with a write on it that was cut short: the file is neither to be
+// rolled back in place nor to be given up for its older backup.
+TEST(HotJournal, OnAFlashThatTakesNothingIsSettledInMemory) {
+    std::string elements = kWord;
+    for (int i = 0; i < 200; ++i) {
+        elements += leaf("filler" + std::to_string(i), "string", std::string(50, 'f'));
+    }
+    resetDevice(treeOf(elements));
+    {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.awaitReady());
+        ASSERT_TRUE(set("SET_ACTION_DIRECT", {{"private.word", "older"}}));
+        ASSERT_EQ(daemon.stop(), 0);
+    }
+    const std::string backup = contentOf(paths::kBackupDb);
+    {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.awaitReady());
+        ASSERT_TRUE(set("SET_ACTION_DIRECT", {{"private.word", "kept"}}));
+        daemon.killNow();
+    }
+    const pid_t writer = fork(); // killed in its transaction, after its first pages went in
+    if (writer == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        sqlite3* database = nullptr;
+        sqlite3_open(paths::kLiveDb, &database);
+        sqlite3_exec(database,
+                     "PRAGMA cache_size=1; BEGIN; UPDATE CONFIG SET VALUE=hex(zeroblob(9000));",
+                     nullptr, nullptr, nullptr);
+        kill(getpid(), SIGKILL);
+    }
+    waitpid(writer, nullptr, 0);
+    ASSERT_TRUE(exists(paths::kLiveDbJournal));
+    const std::string torn = contentOf(paths::kLiveDb);
+    for (const int error : {EROFS, EIO}) {
+        Daemon daemon{faults("fail-on 1 " + std::to_string(error) + " modify")};
+        ASSERT_TRUE(daemon.awaitReady());
+        EXPECT_EQ(valueOf("private.word"), "kept");
+        EXPECT_EQ(daemon.stop(), 0);
+        EXPECT_EQ(contentOf(paths::kLiveDb), torn);
+        EXPECT_EQ(contentOf(paths::kBackupDb), backup);
+    }
+    Daemon daemon;
+    ASSERT_TRUE(daemon.awaitReady());
+    EXPECT_EQ(valueOf("private.word"), "kept");
+    EXPECT_EQ(valueOf("private.filler7"), std::string(50, 'f'));
 }
 
 } // namespace
