@@ -10,6 +10,7 @@
 namespace kelconf {
 
 inline constexpr std::string_view kNotifyReady = "READY=1";
+inline constexpr std::string_view kNotifyAlive = "WATCHDOG=1"; // daemon/watchdog.h
 inline constexpr std::string_view kNotifyStopping = "STOPPING=1";
 
 enum class Notified {
@@ -18,7 +19,8 @@ enum class Notified {
     kFailed  // an address that is none, or nobody listens there; the reason is in errno
 };
 
-// Sends one message. Logs nothing; never blocks. Reads the environment: main thread only.
+// Sends one message. Logs nothing; never blocks. Reads the environment, which nothing in
+// the process changes.
 Notified notifyManager(std::string_view message);
 
 } // namespace kelconf

@@ -3,6 +3,7 @@
 #include "bus/bus_context.h"
 #include "bus/event_publisher.h"
 #include "bus/request_loops.h"
+#include "daemon/watchdog.h"
 #include "db/update_retries.h"
 #include "live/live.h"
 #include "log/keldebug.h"
@@ -78,14 +79,15 @@ constexpr std::size_t kWriteBack = 0; // positions in the list below
 constexpr std::size_t kUpkeep = 1;
 
 // The write-back task comes first: a SET may be answered as soon as its loop runs.
-std::array<ServiceThread, 8> threads{{{runBody<saveFileTask>, "write-back"},
+std::array<ServiceThread, 9> threads{{{runBody<saveFileTask>, "write-back"},
                                       {runBody<runUpkeep>, "upkeep"},
                                       {runBody<initGetSock>, "get"},
                                       {runBody<initSetSock>, "set"},
                                       {runBody<initGetAllSock>, "get-all"},
                                       {runBody<initGetGroupSock>, "get-group"},
                                       {runBody<relayGets>, "get-broker"},
-                                      {runBody<relaySets>, "set-broker"}}};
+                                      {runBody<relaySets>, "set-broker"},
+                                      {runBody<feedWatchdog>, "watchdog"}}};
 
 bool startThread(ServiceThread& thread) {
     const int error = pthread_create(&thread.id, nullptr, thread.body, nullptr);

@@ -1,8 +1,9 @@
 // The running service: its threads, from the first to the last.
 //
 // Threads: the four request loops (GET, SET, GET_ALL, GET_GROUP), the two brokers, the write-back
-// task and the upkeep. What they share and which locks guard it stands with the modules
-// (bus/service_locks.h gives the order).
+// task, the upkeep and, where the service manager watches, the one that feeds its watchdog. What
+// they share and which locks guard it stands with the modules (bus/service_locks.h gives the
+// order).
 #pragma once
 
 #include "live/recovery.h"
