@@ -9,9 +9,6 @@ namespace kelconf {
 
 namespace {
 
-// Entities inside entities; libxml2 itself stops at 40 while it parses.
-constexpr int kMaxEntityDepth = 64;
-
 const xmlChar* asXml(const char* text) {
     return reinterpret_cast<const xmlChar*>(text);
 }
@@ -71,13 +68,11 @@ struct Collector {
     }
 
     // Only an entity whose replacement stands in the document itself has children here: the
-    // parser is told to load nothing from outside.
+    // parser is told to load nothing from outside. Entities inside entities end: the parser takes
+    // no document in which they go round, or deeper than 40.
     bool addEntity(const xmlEntity* entity) {
         if (entity == nullptr || entity->etype != XML_INTERNAL_GENERAL_ENTITY) {
             return true;
-        }
-        if (entity_depth == kMaxEntityDepth) {
-            return false;
         }
         ++entity_depth;
         const bool complete = addRun(entity->children);

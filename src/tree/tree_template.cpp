@@ -79,17 +79,37 @@ bool TreeReader::readType(const xmlNode* node, std::string& type) {
     return true;
 }
 
-bool TreeReader::readLeaf(const xmlNode* node, std::string_view type, std::string_view name,
-                          TreeElement& leaf) {
+bool TreeReader::readElement(const xmlNode* node, std::string& path, Ahead ahead,
+                             TreeElement& element) {
+    std::string type;
+    if (!readType(node, type)) {
+        return false;
+    }
+    element.segment = segmentOf(node);
+    element.node = node;
+    element.line = xmlGetLineNo(node);
+    path.append(1, '.').append(element.segment);
+    if (type == "branch") {
+        if (ahead == Ahead::kAll) {
+            readRun(node->children, path, element.children);
+        }
+        return true;
+    }
+    if (type == "multiple_instance") {
+        readInstances(path, element);
+        return true;
+    }
+    return readLeaf(type, path, element);
+}
+
+bool TreeReader::readLeaf(std::string_view type, std::string_view name, TreeElement& leaf) {
     leaf.kind = TreeElement::Kind::kLeaf;
-    leaf.segment = segmentOf(node);
-    leaf.node = node;
-    leaf.line = xmlGetLineNo(node);
     leaf.texts[kType] = type;
-    bool complete = type == "realtime" || appendElementText(node, allowance_, leaf.texts[kValue]);
+    bool complete =
+        type == "realtime" || appendElementText(leaf.node, allowance_, leaf.texts[kValue]);
     for (std::size_t i = kRange; i < kLeafTexts; ++i) {
         complete =
-            complete && appendAttributeText(node, kAttributeOf[i], allowance_, leaf.texts[i]);
+            complete && appendAttributeText(leaf.node, kAttributeOf[i], allowance_, leaf.texts[i]);
     }
     if (!complete) {
         refuse(leaf.line, name);
@@ -99,42 +119,19 @@ bool TreeReader::readLeaf(const xmlNode* node, std::string_view type, std::strin
     return true;
 }
 
-void TreeReader::readInstances(const xmlNode* node, std::string& path, TreeElement& group) {
+void TreeReader::readInstances(std::string& path, TreeElement& group) {
     group.kind = TreeElement::Kind::kInstances;
-    group.segment = segmentOf(node);
-    group.node = node;
-    group.line = xmlGetLineNo(node);
-    if (!appendAttributeText(node, "number", allowance_, group.texts[kValue])) {
+    if (!appendAttributeText(group.node, "number", allowance_, group.texts[kValue])) {
         refuse(group.line, path);
     }
     // An element without "number" has no instance, and a counter item with an empty value.
     group.count = std::max(parseInstanceCount(group.texts[kValue]), 0);
-    readRun(node->children, path, group.children);
+    readRun(group.node->children, path, group.children);
 }
 
 void TreeReader::readRun(const xmlNode* first, std::string& path, std::vector<TreeElement>& into) {
-    const std::size_t parent = path.size();
-    std::string type;
-    for (const xmlNode* node = first; node != nullptr; node = node->next) {
-        if (!readType(node, type)) {
-            continue;
-        }
-        path.append(1, '.').append(segmentOf(node));
-        TreeElement element;
-        bool usable = true;
-        if (type == "branch") {
-            element.segment = segmentOf(node);
-            readRun(node->children, path, element.children);
-        } else if (type == "multiple_instance") {
-            readInstances(node, path, element);
-        } else {
-            usable = readLeaf(node, type, path, element);
-        }
-        if (usable) {
-            into.push_back(std::move(element));
-        }
-        path.resize(parent);
-    }
+    forEachElement(first, path, Ahead::kAll,
+                   [&](TreeElement& element) { into.push_back(std::move(element)); });
 }
 
 bool TreeReader::settleName(const std::string& name, long line) {
@@ -147,8 +144,12 @@ bool TreeReader::settleName(const std::string& name, long line) {
     return true;
 }
 
-void TreeReader::settle(TreeElement& element, std::string& path) {
+bool TreeReader::settle(TreeElement& element, std::string& path) {
+    if (element.kind == TreeElement::Kind::kLeaf) {
+        return settleName(path, element.line);
+    }
     allowance_ -= std::min(fit(element, path, 0).repeated, allowance_);
+    return true;
 }
 
 TreeReader::Cost TreeReader::fit(TreeElement& element, std::string& path, std::size_t digits) {

@@ -27,7 +27,7 @@ inline constexpr std::size_t kLeafTexts = 7;
 struct TreeElement {
     enum class Kind { kBranch, kInstances, kLeaf } kind = Kind::kBranch;
     std::string_view segment;      // libxml2's, lives as long as the document
-    const xmlNode* node = nullptr; // null: a branch
+    const xmlNode* node = nullptr; // null: a run that stands alone
     long line = 0;
     std::array<std::string, kLeafTexts> texts; // a leaf's; texts[kValue] is the "number" of
                                                // a multiple-instance element
@@ -44,19 +44,30 @@ class TreeReader {
 
     // False for whatever is no element with a "type": it is skipped with its subtree.
     bool readType(const xmlNode* node, std::string& type);
-    // False when the leaf's texts go over the limit: it is left out.
-    bool readLeaf(const xmlNode* node, std::string_view type, std::string_view name,
-                  TreeElement& leaf);
-    // The multiple-instance element `node` with all that is inside; `path` is its full name.
-    void readInstances(const xmlNode* node, std::string& path, TreeElement& group);
-    // A run of siblings from `first` on, `path` being the full name of the parent.
+
+    // Whether what is inside a branch is read with it. Inside a multiple-instance element it is.
+    enum class Ahead { kNot, kAll };
+    // Reads the run of siblings from `first` on, `path` being the full name of the parent, and
+    // hands out each element while `path` is that element's own name. A leaf whose texts go over
+    // the limit is left out.
+    template <typename Take>
+    void forEachElement(const xmlNode* first, std::string& path, Ahead ahead, Take take) {
+        const std::size_t parent = path.size();
+        for (const xmlNode* node = first; node != nullptr; node = node->next) {
+            TreeElement element;
+            if (readElement(node, path, ahead, element)) {
+                take(element);
+            }
+            path.resize(parent);
+        }
+    }
+    // The same, with all that is inside, into a list.
     void readRun(const xmlNode* first, std::string& path, std::vector<TreeElement>& into);
 
-    // Charges a leaf outside any instance for a name longer than a tree spells out by itself.
-    bool settleName(const std::string& name, long line);
-    // Charges what `element` repeats. A group whose repetition alone goes over what is left,
-    // here or further inside, is cut to no instance and reported.
-    void settle(TreeElement& element, std::string& path);
+    // Charges what a leaf or group outside any instance takes beyond what the tree spells out. A
+    // group whose repetition alone goes over what is left, here or further inside, is cut to no
+    // instance and reported. False when a leaf is to be left out for its name.
+    bool settle(TreeElement& element, std::string& path);
 
   private:
     // Memory of one element, in full and as far as it is repetition: the first instance of a
@@ -65,6 +76,12 @@ class TreeReader {
         std::uint64_t full = 0;
         std::uint64_t repeated = 0;
     };
+
+    // Appends the element's own part to `path`.
+    bool readElement(const xmlNode* node, std::string& path, Ahead ahead, TreeElement& element);
+    bool readLeaf(std::string_view type, std::string_view name, TreeElement& leaf);
+    void readInstances(std::string& path, TreeElement& group);
+    bool settleName(const std::string& name, long line);
 
     // `digits`: bytes that the instance numbers add to the name in `path`.
     Cost fit(TreeElement& element, std::string& path, std::size_t digits);

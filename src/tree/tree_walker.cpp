@@ -50,25 +50,17 @@ class Walk {
         }
     }
 
-    // A run outside any instance goes from the document straight into the list. All levels share
-    // one path: long names, deeply nested, would else take many times their length.
+    // A run outside any instance goes from the document straight to the visitor: of a branch
+    // nothing is read ahead. All levels share one path: long names, deeply nested, would else take
+    // many times their length.
     void walkRun(std::string& path, const xmlNode* first) {
-        const std::size_t parent = path.size();
-        std::string type;
-        for (const xmlNode* node = first; node != nullptr; node = node->next) {
-            if (!reader_.readType(node, type)) {
-                continue;
+        reader_.forEachElement(first, path, TreeReader::Ahead::kNot, [&](TreeElement& element) {
+            if (element.kind == TreeElement::Kind::kBranch) {
+                walkRun(path, element.node->children);
+            } else if (reader_.settle(element, path)) {
+                emit(element, path, kNoInstance);
             }
-            path.append(1, '.').append(segmentOf(node));
-            if (type == "branch") {
-                walkRun(path, node->children);
-            } else if (type == "multiple_instance") {
-                walkInstances(path, node);
-            } else {
-                walkLeaf(path, node, type);
-            }
-            path.resize(parent);
-        }
+        });
     }
 
     void expand(std::string path, const xmlNode* first, std::int32_t count) {
@@ -88,19 +80,30 @@ class Walk {
     }
 
   private:
-    void walkLeaf(const std::string& name, const xmlNode* node, std::string_view type) {
-        TreeElement leaf;
-        if (reader_.readLeaf(node, type, name, leaf) && reader_.settleName(name, leaf.line)) {
-            addItem(name, leaf, leaf.texts[kValue]);
+    static constexpr std::int32_t kNoInstance = 0; // "%auto" stays as it is
+
+    void emit(const TreeElement& element, std::string& path, std::int32_t instance) {
+        switch (element.kind) {
+        case TreeElement::Kind::kBranch:
+            emitRun(element.children, path, instance);
+            break;
+        case TreeElement::Kind::kInstances:
+            addCounter(path, element);
+            emitInstances(element, path);
+            break;
+        case TreeElement::Kind::kLeaf:
+            emitLeaf(element, path, instance);
+            break;
         }
     }
 
-    void walkInstances(std::string& path, const xmlNode* node) {
-        TreeElement group;
-        reader_.readInstances(node, path, group);
-        addCounter(path, group);
-        reader_.settle(group, path);
-        emitInstances(group, path);
+    void emitRun(const std::vector<TreeElement>& run, std::string& path, std::int32_t instance) {
+        const std::size_t parent = path.size();
+        for (const TreeElement& element : run) {
+            path.append(1, '.').append(element.segment);
+            emit(element, path, instance);
+            path.resize(parent);
+        }
     }
 
     void emitInstances(const TreeElement& group, std::string& path) {
@@ -112,28 +115,8 @@ class Walk {
         }
     }
 
-    void emitRun(const std::vector<TreeElement>& run, std::string& path, std::int32_t instance) {
-        const std::size_t parent = path.size();
-        for (const TreeElement& element : run) {
-            path.append(1, '.').append(element.segment);
-            switch (element.kind) {
-            case TreeElement::Kind::kBranch:
-                emitRun(element.children, path, instance);
-                break;
-            case TreeElement::Kind::kInstances:
-                addCounter(path, element);
-                emitInstances(element, path);
-                break;
-            case TreeElement::Kind::kLeaf:
-                emitLeaf(element, path, instance);
-                break;
-            }
-            path.resize(parent);
-        }
-    }
-
     void emitLeaf(const TreeElement& leaf, std::string_view name, std::int32_t instance) {
-        if (!leaf.has_auto) {
+        if (!leaf.has_auto || instance == kNoInstance) {
             addItem(name, leaf, leaf.texts[kValue]);
             return;
         }
