@@ -168,13 +168,15 @@ void kelbus_free(void* value);
 /* ---- Requests beside an event loop --------------------------------------------------------------
  */
 
-/* These begin what kelbus_get_many, kelbus_list and kelbus_set_many do and return at once; names
-   and parameters are copied. Any number may be under way for one client. Each is ended by
-   kelbus_request_finish or kelbus_request_cancel, before its client is closed. *request is null on
-   failure. */
+/* These begin what kelbus_get_many, kelbus_list, kelbus_get_group and kelbus_set_many do and return
+   at once; names and parameters are copied. Any number may be under way for one client. Each is
+   ended by kelbus_request_finish or kelbus_request_cancel, before its client is closed. *request is
+   null on failure. */
 kelbus_error kelbus_start_get(kelbus* client, const char* const* names, size_t count,
                               kelbus_request** request);
 kelbus_error kelbus_start_list(kelbus* client, const char* prefix, kelbus_request** request);
+kelbus_error kelbus_start_group(kelbus* client, const char* const* groups, size_t count,
+                                kelbus_request** request);
 kelbus_error kelbus_start_set(kelbus* client, const kelbus_parameter* parameters, size_t count,
                               kelbus_kind kind, kelbus_request** request);
 
@@ -222,12 +224,14 @@ kelbus_error kelbus_watch_open_with(kelbus_watch** watch, const char* const* pre
    watch's: only poll it. */
 int kelbus_watch_fd(const kelbus_watch* watch);
 
-/* The next change, in the order of arrival. The texts of *change are valid until the next call with
-   this watch. KELBUS_TIMEOUT: none came within the limit, be it that nobody serves the bus: a watch
-   waits for the service. KELBUS_REFUSED: a service came after the watch was opened, the first one,
-   and its socket is not open to you. KELBUS_BROKEN_REPLY: something that is no event came and was
-   dropped; go on. A watch that is not read loses changes when some thousands
-   wait, and is not told. */
+/* The next change, in the order of arrival. Changes of the kind KELBUS_SET that are made fast one
+   after the other may arrive in another order, even those of one parameter (docs/bus.md): the value
+   that counts is then the one that kelbus_get reads. The texts of *change are valid until the next
+   call with this watch. KELBUS_TIMEOUT: none came within the limit, be it that nobody serves the
+   bus: a watch waits for the service. KELBUS_REFUSED: a service came after the watch was opened,
+   the first one, and its socket is not open to you. KELBUS_BROKEN_REPLY: something that is no event
+   came and was dropped; go on. A watch that is not read loses changes when some thousands wait, and
+   is not told. */
 kelbus_error kelbus_watch_next(kelbus_watch* watch, kelbus_change* change, int timeout_ms);
 
 /* Ends the subscription and releases the watch. Null is ignored. */

@@ -149,6 +149,12 @@ class _Base:
             self, lambda own, out: library.kelbus_start_get(own, raw, len(raw), byref(out))
         )
 
+    def _start_group(self, names: Iterable[str]) -> _Request:
+        raw = c.raw_names(tuple(names))
+        return _Request(
+            self, lambda own, out: library.kelbus_start_group(own, raw, len(raw), byref(out))
+        )
+
     def _start_list(self, prefix: str) -> _Request:
         raw = c.raw(prefix)
         return _Request(self, lambda own, out: library.kelbus_start_list(own, raw, byref(out)))
@@ -233,14 +239,7 @@ class Client(_Base):
 
     def group(self, *names: str) -> dict[str, str]:
         """The parameters of groups, whose names agree in their first eight bytes."""
-        values = POINTER(c.Values)()
-        limit = -1 if self.timeout is None else math.ceil(self.timeout * 1000)
-        raw = c.raw_names(names)
-        with self._lock:
-            code = library.kelbus_get_group(self._handle(), raw, len(raw), byref(values), limit)
-            if code != c.OK:
-                raise self._error(code)
-        return dict(c.taken(values))  # type: ignore[arg-type]
+        return dict(self._run(self._start_group(names)))  # type: ignore[arg-type]
 
     def set(self, name: str, value: Settable, kind: Kind = Kind.SET) -> None:
         self.set_many({name: value}, kind)
@@ -327,6 +326,9 @@ class AsyncClient(_Base):
 
     async def list(self, prefix: str = "") -> dict[str, str]:
         return dict(await self._run(self._start_list(prefix)))  # type: ignore[arg-type]
+
+    async def group(self, *names: str) -> dict[str, str]:
+        return dict(await self._run(self._start_group(names)))  # type: ignore[arg-type]
 
     async def set(
         self, name: str, value: Settable, kind: Kind = Kind.SET

@@ -48,6 +48,18 @@ kelbus_error start(kelbus* client, kelbus_request** request, Begin begin) {
     });
 }
 
+kelbus_error startWith(kelbus* client, kelbus_request** request, const char* const* names,
+                       std::size_t count, kelbus_error (Call::*ask)(Parameters)) {
+    return start(client, request, [&](kelbus_request& started) {
+        std::vector<kelbus_parameter> parameters;
+        if (!readNames(names, count, parameters)) {
+            return badArgument(started.client, "the names are null");
+        }
+        keepAll(started, parameters);
+        return (started.call.*ask)(started.parameters);
+    });
+}
+
 } // namespace
 
 } // namespace kelconf
@@ -56,14 +68,12 @@ using namespace kelconf; // NOLINT(google-build-using-namespace): the calls belo
 
 kelbus_error kelbus_start_get(kelbus* client, const char* const* names, size_t count,
                               kelbus_request** request) {
-    return start(client, request, [&](kelbus_request& started) {
-        std::vector<kelbus_parameter> parameters;
-        if (!readNames(names, count, parameters)) {
-            return badArgument(started.client, "the names are null");
-        }
-        keepAll(started, parameters);
-        return started.call.get(started.parameters);
-    });
+    return startWith(client, request, names, count, &Call::get);
+}
+
+kelbus_error kelbus_start_group(kelbus* client, const char* const* groups, size_t count,
+                                kelbus_request** request) {
+    return startWith(client, request, groups, count, &Call::group);
 }
 
 kelbus_error kelbus_start_list(kelbus* client, const char* prefix, kelbus_request** request) {
