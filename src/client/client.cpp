@@ -25,6 +25,8 @@ kelbus_error readValues(kelbus* client, kelbus_values** values, int timeout_ms, 
         kelbus_error error = begin(open, call);
         if (error == KELBUS_OK) {
             error = call.finish(deadline);
+        }
+        if (error == KELBUS_OK || error == KELBUS_UNKNOWN_NAME) {
             *values = call.takeValues().release();
         }
         return error;

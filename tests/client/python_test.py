@@ -1,25 +1,35 @@
-"""The module kelbus with the real service, in a device root: kelconfd and libkelbus of KELCONF_BUILD."""
+"""libkelbus with the real service, by the module kelbus, in a device root.
+
+Programs and library are those of KELCONF_BUILD; what needs the thread sanitizer is in client_test.cpp.
+"""
 
 import asyncio
+import ctypes
+import locale
 import os
 import pathlib
+import select
 import signal
 import subprocess
+import sys
 import threading
 import time
 import unittest
 
 import kelbus
+from kelbus import _library as c
+from kelbus._library import library
 
 TREE = """<t><cam type="trunk"><a type="string">1</a><b type="string"/></cam>
-<camera type="trunk"><a type="string">2</a><b type="string">3</b></camera></t>"""
-ALL = {"cam.a": "1", "cam.b": "", "camera.a": "2", "camera.b": "3"}
+<camera type="trunk"><a type="string">2</a><ab type="string">3</ab></camera></t>"""
+ALL = {"cam.a": "1", "cam.b": "", "camera.a": "2", "camera.ab": "3"}
+LIMIT = 60  # s, 60,000 ms in C: the guard against a hang
 
 
 class Service:
     def __init__(self) -> None:
         self.process = subprocess.Popen(["kelconfd"], stdout=subprocess.DEVNULL)
-        deadline = time.monotonic() + 60
+        deadline = time.monotonic() + LIMIT
         while time.monotonic() < deadline:
             try:
                 with kelbus.Client() as bus:
@@ -31,83 +41,292 @@ class Service:
 
     def end(self, number: int = signal.SIGTERM) -> None:
         self.process.send_signal(number)
+        self.process.send_signal(signal.SIGCONT)  # should a test have stopped it
         self.process.wait()
 
+    def freeze(self) -> None:
+        self.process.send_signal(signal.SIGSTOP)
+        os.waitpid(self.process.pid, os.WUNTRACED)  # until the last thread stands still
 
-class Bus(unittest.TestCase):
+
+class OnBus(unittest.TestCase):
     def setUp(self) -> None:
         for stored in pathlib.Path("/mnt").glob("*/conf/*"):
             stored.unlink()
         pathlib.Path("/etc/neutral_tree.xml").write_text(TREE)
         self.service = Service()
         self.addCleanup(lambda: self.service.process.poll() is not None or self.service.end())
+        self.bus = kelbus.Client(timeout=LIMIT)
+        self.addCleanup(self.bus.close)
 
-    def test_reads_and_sets(self) -> None:
-        with kelbus.Client(timeout=60) as bus:
-            self.assertEqual(bus.list(), ALL)
-            self.assertEqual(bus.list("camera.b"), {"camera.b": "3"})
-            self.assertEqual(bus.group("camera.a rest"), {"camera.a": "2"})
-            self.assertEqual(bus.get_many(["x", "cam.b"]), {"x": None, "cam.b": ""})
-            self.assertEqual((bus.get("x", None), "x" in bus, "cam.b" in bus), (None, False, True))
-            values = [("ä\n<&>€", "ä\n<&>€"), (True, "1"), (False, "0"), (-7, "-7"), (2.5, "2.5"),
-                      (3.0, "3"), (1e22, "1" + "0" * 22), (-1e-7, "-0.0000001")]
-            for value, stored in values:
-                bus["cam.a"] = value
-                self.assertEqual(bus["cam.a"], stored)
-            self.assertEqual(bus.get_float("cam.a"), -1e-7)
-            bus.set_many({"cam.a": 1, "cam.b": "x"}, kelbus.Kind.DIRECT)
-            self.assertEqual((bus.get_int("cam.a"), bus.get_bool("cam.a")), (1, True))
-            broken = [("x", lambda: bus["x"], KeyError, 'no parameter has the name "x"'),
-                      ("set x", lambda: bus.set_many({"cam.a": "2", "x": ""}), KeyError, '"x"'),
-                      ("no int", lambda: bus.get_int("cam.b"), ValueError, "no whole number"),
-                      ("no float", lambda: bus.get_float("cam.b"), ValueError, "no number"),
-                      ("no bool", lambda: bus.get_bool("cam.b"), ValueError, "neither 0 nor 1"),
-                      ("zero byte", lambda: bus["cam.a\0"], ValueError, "zero byte"),
-                      ("surrogate", lambda: bus["\ud800"], ValueError, "UTF-8"),
-                      ("infinite", lambda: bus.set("cam.a", float("inf")), ValueError, "finite"),
-                      ("control", lambda: bus.set("cam.a", "\x01"), ValueError, "XML")]
-            for what, call, kind, text in broken:
-                with self.subTest(what), self.assertRaises(kind) as raised:
-                    call()
-                self.assertIsInstance(raised.exception, kelbus.KelbusError)
-                self.assertIn(text, str(raised.exception))
-        with self.assertRaises(kelbus.BadArgument):
-            bus.get("cam.a")
-
-    def test_says_when_nobody_answers_and_goes_on(self) -> None:
-        bus, hasty = kelbus.Client(timeout=60), kelbus.Client(timeout=0.05)
-        os.kill(self.service.process.pid, signal.SIGSTOP)
-        self.assertRaises(TimeoutError, hasty.get, "cam.a")
-        timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGINT))
-        timer.start()
-        self.assertRaises(KeyboardInterrupt, bus.get, "cam.a")
-        self.service.end(signal.SIGKILL)
-        self.assertRaises(ConnectionError, bus.get, "cam.a")
+    def restart(self, number: int = signal.SIGTERM) -> None:
+        self.service.end(number)
         self.service = Service()
-        self.assertEqual(bus["cam.a"] + hasty["cam.a"], "11")
 
-    def test_watches(self) -> None:
-        bus = kelbus.Client(timeout=60)
-        with kelbus.Watch("cam.", values=True) as watch, kelbus.Watch() as plain:
-            bus["cam.b"] = "new"
-            seen = iter(watch)
-            self.assertEqual(next(seen), ("cam.a", "1", None))
-            self.assertEqual(next(seen).name, "cam.b")  # before that change or after it
-            self.assertEqual(next(seen), ("cam.b", "new", ""))
-            self.assertEqual(plain.next(60), ("cam.b", "new", ""))
-            self.assertIsNone(plain.next(0.01))
-            self.service.end()
-            self.service = Service()
-            self.assertTrue(next(seen).is_gap)
-            self.assertEqual([next(seen), next(seen)],
-                             [("cam.a", "1", None), ("cam.b", "new", None)])
 
-    def test_asyncio(self) -> None:
+class Values(OnBus):
+    def test_are_read_by_name_prefix_and_group(self) -> None:
+        bus = self.bus
+        self.assertEqual(list(bus.list().items()), list(ALL.items()))
+        for prefix in ("cam", "cam.", "camera.a", "camera.ab", "no"):
+            listed = {name: value for name, value in ALL.items() if name.startswith(prefix)}
+            self.assertEqual(bus.list(prefix), listed)
+        self.assertEqual(bus.group("camera.a and more", "no"), {"camera.a": "2", "camera.ab": "3"})
+        self.assertEqual(bus.group("cam", "cam.b"), {"cam.b": ""})
+        self.assertEqual(bus.get_many(["x", "cam.b", "cam.a", "y"]),
+                         {"x": None, "cam.b": "", "cam.a": "1", "y": None})
+        self.assertEqual((bus.get("x", None), "x" in bus, "cam.b" in bus), (None, False, True))
+
+    def test_keep_what_their_kind_promises(self) -> None:
+        with self.assertRaisesRegex(kelbus.UnknownName, '"no"'):
+            self.bus.set_many({"cam.b": "known", "no": ""}, kelbus.Kind.DIRECT)
+        self.bus.set("camera.ab", "memory", kelbus.Kind.NO_DB)
+        self.bus.set("cam.a", "direct", kelbus.Kind.DIRECT)
+        self.restart(signal.SIGKILL)
+        self.assertEqual(self.bus.list(), ALL | {"cam.a": "direct", "cam.b": "known"})
+        self.bus["cam.a"] = "soon"
+        self.restart()
+        self.assertEqual(self.bus["cam.a"], "soon")
+
+    def test_carry_every_text_that_xml_carries(self) -> None:
+        for text in ("".join(map(chr, range(32, 127))), "]]> \t\n\r\n ", "<a b=\"c\">&amp;&#65;",
+                     "é € \U0001F4F7 \x7f\x85\ufffd", "&" * 1_000_000):
+            self.bus.set("cam.a", text, kelbus.Kind.NO_DB)
+            self.assertTrue(self.bus["cam.a"] == text, text[:100])
+            self.assertNotIn(text, self.bus)
+        for text in ("\x01", "a\x1b[0m", "\ufffe", "\0", "\ud800", "x" * 17_000_000):
+            self.assertRaises(ValueError, self.bus.set, "cam.b", text)
+            self.assertRaises(ValueError, self.bus.get, text)
+        for raw in (b"\xff", b"\xc3", b"\xed\xa0\x80", b"\xc0\xaf", None):  # as C passes them
+            for name, value in ((b"cam.b", raw), (raw, b"1")):
+                handle = self.bus._pointer
+                self.assertEqual(library.kelbus_set(handle, name, value, 0, LIMIT * 1000), 6)
+        self.assertRaisesRegex(kelbus.BadArgument, "name is empty", self.bus.get, "")
+        self.assertEqual(self.bus["cam.b"], "")
+
+    def c_value(self, word: str, kind: type) -> object:
+        """By kelbus_get_WORD."""
+        value = kind(7)
+        get = getattr(library, f"kelbus_get_{word}")
+        code = get(self.bus._pointer, b"cam.a", ctypes.byref(value), LIMIT * 1000)
+        return value.value if code == 0 else self.bus._error(code)
+
+    def test_have_types_in_every_locale(self) -> None:
+        pathlib.Path("/tmp/comma").write_text('LC_NUMERIC\ndecimal_point "<U002C>"\n'
+                                              'thousands_sep ""\ngrouping -1\nEND LC_NUMERIC\n')
+        subprocess.run(["localedef", "-c", "-i", "/tmp/comma", "-f", "ANSI_X3.4-1968", "/tmp/xx"],
+                       stderr=subprocess.DEVNULL, check=False)  # it warns of all else that it lacks
+        os.environ["LOCPATH"] = "/tmp"
+        locale.setlocale(locale.LC_NUMERIC, "xx")
+        self.assertEqual(locale.localeconv()["decimal_point"], ",")
+        bus = self.bus
+        words = {"bool": "is neither 0 nor 1", "int64": "is no whole number", "double": "is no number"}
+        scenes = [("0", False, 0, 0.0), ("1", True, 1, 1.0), ("-007", None, -7, -7.0),
+                  ("2.5", None, None, 2.5), ("25e-1", None, None, 2.5)]
+        scenes += [(text, None, None, None) for text in
+                   ("", "2,5", " 1", "1 ", "+1", "1_0", "0x10", "inf", "nan", "true")]
+        for text, *expected in scenes:
+            bus["cam.a"] = text
+            kinds = [("bool", ctypes.c_bool, bus.get_bool), ("int64", ctypes.c_int64, bus.get_int),
+                     ("double", ctypes.c_double, bus.get_float)]
+            for (word, kind, get), value in zip(kinds, expected):
+                with self.subTest(text=text, type=word):
+                    by_c = self.c_value(word, kind)
+                    if value is not None:
+                        self.assertEqual((by_c, get("cam.a")), (value, value))
+                        continue
+                    self.assertEqual(str(by_c), f'"cam.a": the value {words[word]}')
+                    self.assertRaisesRegex(ValueError, str(by_c), get, "cam.a")
+        for text, word, kind in (("1e999", "double", ctypes.c_double), (str(2**63), "int64", ctypes.c_int64)):
+            bus["cam.a"] = text
+            self.assertIn("does not fit", str(self.c_value(word, kind)))
+        for value in (0.1, 3.0, -1e22, -1e-7, sys.float_info.max, -sys.float_info.min / 3):
+            for put in (lambda: bus.set("cam.a", value), lambda: library.kelbus_set_double(
+                    bus._pointer, b"cam.a", ctypes.c_double(value), 0, LIMIT * 1000)):
+                put()
+                self.assertRegex(bus["cam.a"], r"^-?[0-9]+(\.[0-9]+)?$")
+                self.assertEqual((self.c_value("double", ctypes.c_double), bus.get_float("cam.a")),
+                                 (value, value))
+        self.assertRaisesRegex(ValueError, "finite", bus.set, "cam.a", float("inf"))
+        self.assertEqual(library.kelbus_set_double(bus._pointer, b"cam.a", ctypes.c_double(float("nan")), 0, 0), 6)
+        library.kelbus_set_int64(bus._pointer, b"cam.a", ctypes.c_int64(-2**63), 0, LIMIT * 1000)
+        library.kelbus_set_bool(bus._pointer, b"cam.b", ctypes.c_bool(True), 0, LIMIT * 1000)
+        self.assertEqual((bus["cam.a"], bus["cam.b"]), (str(-2**63), "1"))
+        bus.set_many({"cam.a": True, "cam.b": -7})
+        self.assertEqual((bus["cam.a"], bus["cam.b"]), ("1", "-7"))
+
+
+class BadDays(OnBus):
+    def test_are_told_and_survived(self) -> None:
+        bus, hasty = self.bus, kelbus.Client(timeout=0.05)
+        self.service.freeze()
+        self.assertRaises(TimeoutError, hasty.get, "cam.a")
+        for ask in (bus.get, bus.list, bus.group):
+            threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGINT)).start()
+            self.assertRaises(KeyboardInterrupt, ask, "cam.a")
+        threading.Timer(0.3, bus.close).start()
+        self.assertRaisesRegex(kelbus.NoService, "the client was closed", bus.get, "cam.a")
+        self.assertRaisesRegex(kelbus.BadArgument, "is closed", bus.get, "cam.a")
+        self.service.end(signal.SIGKILL)
+        self.assertRaises(ConnectionError, hasty.get, "cam.a")
+        self.service, hasty.timeout = Service(), LIMIT
+        self.assertEqual(hasty["cam.a"], "1")
+
+    def test_of_those_who_are_kept_out(self) -> None:
+        """The device root has no capabilities: its root is kept out like anybody."""
+        os.chmod("/tmp/kelbus", 0)
+        self.assertRaises(kelbus.Refused, kelbus.Watch)
+        self.assertRaisesRegex(PermissionError, "group kelbus", self.bus.get, "cam.a")
+        self.assertRaisesRegex(PermissionError, "group kelbus", self.bus.set, "cam.a", "")
+        os.chmod("/tmp/kelbus", 0o700)
+        self.assertEqual(self.bus["cam.a"], "1")
+        self.service.end()
+        early, values = kelbus.Watch(), kelbus.Watch("cam.a", values=True)
+        self.assertEqual((early.next(0.01), values.next(0.01)), (None, None))
+        os.chmod("/tmp/kelbus", 0)
+        self.assertRaises(kelbus.Refused, early.next, LIMIT)
+        os.chmod("/tmp/kelbus", 0o700)
+        self.service = Service()
+        self.assertEqual(values.next(LIMIT), ("cam.a", "1", None))
+        seen = None
+        for i in range(600):  # until it has connected by itself
+            self.bus["cam.a"] = i
+            if seen := early.next(0.1):
+                break
+        self.assertEqual(seen and seen.name, "cam.a")
+
+    def test_let_the_group_in_at_the_next_start(self) -> None:
+        group = pathlib.Path("/etc/group")  # this device root's own
+        self.addCleanup(group.write_text, group.read_text())
+        for line, expected in (("", [0o700, 0o700, 0o600]),
+                               (f"kelbus:x:{os.getegid()}:\n", [0o750, 0o770, 0o640])):
+            group.write_text(line)
+            self.restart()
+            paths = ("/tmp/kelbus", "/tmp/kelbus/kelbus_getsock", "/mnt/nand/conf/conf.db")
+            self.assertEqual([os.stat(path).st_mode & 0o7777 for path in paths], expected)
+
+
+def waited(watch: kelbus.Watch) -> tuple:
+    """The next that a watch tells, waited for in the library."""
+    change = c.RawChange()
+    code = library.kelbus_watch_next(watch._pointer, ctypes.byref(change), LIMIT * 1000)
+    before = None if change.prev_value is None else c.text(change.prev_value)
+    return c.text(change.name), c.text(change.value), before if code == 0 else code
+
+
+class Watches(OnBus):
+    def test_tell_values_changes_and_gaps(self) -> None:
+        gap = ("", "", None)
+        for tell in (waited, lambda watch: watch.next(LIMIT)):
+            self.bus.set("cam.a", "1", kelbus.Kind.DIRECT)
+            with kelbus.Watch("cam.", values=True) as values, kelbus.Watch(gaps=True) as gaps, \
+                    kelbus.Watch("cam.b", values=True) as one, kelbus.Watch() as plain:
+                self.bus.set("cam.a", "3", kelbus.Kind.NO_DB)  # not read yet: waits
+                self.assertEqual(tell(values)[0], "cam.a")  # before that change or after it
+                self.assertEqual(tell(values), ("cam.b", "", None))
+                for watch in (values, gaps, plain):
+                    self.assertEqual(tell(watch), ("cam.a", "3", "1"))
+                self.assertEqual(tell(one), ("cam.b", "", None))
+                # Left unread where values are told: it must not come after them.
+                self.bus.set("cam.a", "9", kelbus.Kind.NO_DB)
+                self.assertEqual(tell(gaps), ("cam.a", "9", "3"))
+                self.service.end()
+                self.assertIsNone(gaps.next(0.01))
+                self.service = Service()
+                self.assertEqual([tell(gaps), tell(one), tell(one)], [gap, gap, ("cam.b", "", None)])
+                time.sleep(0.3)  # likely long enough for:
+                if (first := tell(values)) != gap:  # not connected yet
+                    self.assertEqual([first, tell(values)], [("cam.a", "9", "3"), gap])
+                self.assertEqual([tell(values), tell(values)], [("cam.a", "1", None), ("cam.b", "", None)])
+                self.bus.set("cam.a", "4", kelbus.Kind.NO_DB)
+                self.assertEqual([tell(values), tell(gaps)], [("cam.a", "4", "1")] * 2)
+        self.assertEqual(library.kelbus_watch_open_with(ctypes.byref(ctypes.c_void_p()), None, 0, 4), 6)
+
+    def test_tell_the_changes_of_their_prefixes_in_order(self) -> None:
+        few, many = iter(kelbus.Watch("cam.a", "camera")), [kelbus.Watch("cam.a") for _ in range(1000)]
+        self.bus.set_many({"cam.b": "<&>", "camera.ab": "€", "cam.a": ""}, kelbus.Kind.DIRECT)
+        self.assertEqual([next(few), next(few)], [("camera.ab", "€", "3"), ("cam.a", "", "1")])
+        self.assertEqual({watch.next(LIMIT) for watch in many}, {("cam.a", "", "1")})
+        del many
+        setter = threading.Thread(target=lambda: [self.bus.set("cam.a", i, kelbus.Kind.NO_DB)
+                                                 for i in range(300)])
+        setter.start()
+        self.assertEqual([next(few).value for _ in range(300)], [str(i) for i in range(300)])
+        setter.join()
+
+    def test_see_the_first_change_after_they_were_opened(self) -> None:
+        for i in range(20):  # an event just before must not hide the subscription from the publisher
+            self.bus.set("cam.b", i, kelbus.Kind.NO_DB)
+            with kelbus.Watch("cam.a") as watch:
+                self.bus.set("cam.a", i, kelbus.Kind.NO_DB)
+                self.assertEqual(watch.next(1), ("cam.a", str(i), str(i - 1) if i else "1"))
+
+    def test_end_in_the_state_of_the_service_however_changes_fall(self) -> None:
+        over = threading.Event()
+
+        def change() -> None:
+            for i in range(10**9):
+                self.bus.set(("cam.a", "cam.b")[i % 2], i, kelbus.Kind.NO_DB)
+                if over.is_set():
+                    return
+
+        setter = threading.Thread(target=change)
+        setter.start()
+        watches = [(kelbus.Watch("cam.", values=True), {}) for _ in range(20)]
+        over.set()
+        setter.join()
+        self.bus["cam.b"] = "end"
+        last = self.bus.list("cam.")
+        for watch, state in watches:
+            while len(state) < 2 or state["cam.b"] != "end":
+                told = watch.next(LIMIT)
+                self.assertEqual(told.name in state, told.previous is not None, "values first")
+                state[told.name] = told.value
+            self.assertEqual(state, last)
+
+
+class Requests(OnBus):
+    def finished(self, request: object) -> tuple:
+        """As an event loop does it: a look, then the descriptor."""
+        source = select.poll()
+        source.register(request.fileno(), select.POLLIN)
+        while (answer := request.finish(0)) is None:
+            self.assertTrue(source.poll(LIMIT * 1000), "the descriptor is silent")
+        return (*answer, str(request.error)) if request.error else tuple(answer)
+
+    def test_fit_an_event_loop(self) -> None:
+        bus, known, partly = self.bus, {"cam.b": "new"}, {"cam.a": "new", "z": ""}
+        some, listed = bus._start_get(("x", "cam.b", "y", "cam.a")), bus._start_list("camera.ab")
+        one, given_up = bus._start_get(("cam.a",)), bus._start_get(("x",))
+        given_up.cancel()
+        self.assertEqual(bus["cam.a"], "1")  # others may come between
+        self.assertEqual(self.finished(listed), (("camera.ab", "3"),))
+        self.assertEqual(self.finished(one), (("cam.a", "1"),))
+        self.assertEqual(self.finished(some), (("x", None), ("cam.b", ""), ("y", None), ("cam.a", "1"),
+                                               'no parameter has the name "x"'))
+        puts = [bus._start_set(values, kelbus.Kind.DIRECT) for values in (known, partly)]
+        self.assertEqual(self.finished(puts[1]), ('no parameter has the name "z"',))
+        self.assertEqual(self.finished(puts[0]), ())
+        self.assertEqual(bus.list("cam."), {"cam.a": "new", "cam.b": "new"})
+        one = bus._start_get(("cam.a",))
+        self.service.freeze()
+        listed = bus._start_list("")
+        self.assertIsNone(listed.finish(10))
+        killer = threading.Timer(0.05, self.service.end, (signal.SIGKILL,))  # while it is polled
+        killer.start()
+        self.assertIn("ended before it answered", self.finished(listed)[0])
+        killer.join()
+        one.cancel()
+        self.assertRaises(kelbus.NoService, bus._start_list, "")
+
+    def test_run_side_by_side_in_asyncio(self) -> None:
         async def run() -> None:
-            async with kelbus.AsyncClient(timeout=60) as bus:
-                answers = await asyncio.gather(*(bus.get(name) for name in ALL), bus.list("cam."))
+            async with kelbus.AsyncClient(timeout=LIMIT) as bus:
+                answers = await asyncio.gather(*(bus.get(name) for name in ALL), bus.list("cam."),
+                                               bus.group("camera.a"))
                 self.assertEqual(answers[:4], list(ALL.values()))
-                self.assertEqual(answers[4], {"cam.a": "1", "cam.b": ""})
+                self.assertEqual(answers[4:], [{"cam.a": "1", "cam.b": ""},
+                                               {"camera.a": "2", "camera.ab": "3"}])
                 with self.assertRaises(kelbus.UnknownName):
                     await bus.set("x", "")
                 with kelbus.Watch("cam.a") as watch:
@@ -115,21 +334,19 @@ class Bus(unittest.TestCase):
                     async for change in watch:
                         self.assertEqual(change, ("cam.a", "5", "1"))
                         break
-                os.kill(self.service.process.pid, signal.SIGSTOP)
+                self.service.freeze()
                 bus.timeout = 0.05
                 with self.assertRaises(kelbus.Timeout):
                     await bus.get("cam.a")
                 bus.timeout = None
-                task = asyncio.ensure_future(bus.get("cam.a"))
+                tasks = [asyncio.ensure_future(bus.get("cam.a")) for _ in range(2)]
                 await asyncio.sleep(0.01)
-                task.cancel()
+                tasks[0].cancel()
                 with self.assertRaises(asyncio.CancelledError):
-                    await task
-                task = asyncio.ensure_future(bus.get("cam.a"))
-                await asyncio.sleep(0.01)
+                    await tasks[0]
                 self.service.end(signal.SIGKILL)
                 with self.assertRaises(kelbus.NoService):
-                    await task
+                    await tasks[1]
 
         asyncio.run(run())
 
