@@ -6,8 +6,6 @@
 #include "live/seal.h"
 #include "live_device.h"
 
-#include <functional>
-
 namespace kelconf {
 
 // In the place of db/update_retries.cpp: between attempts, none of which is waited for.
@@ -25,7 +23,6 @@ void allowUpdateRetries() {}
 namespace kelconf::test {
 namespace {
 
-constexpr const char* kSidecar = paths::kLiveDbMd5;
 const std::string kFiller(50, 'f');
 
 std::string fillers(int count) {
@@ -34,6 +31,11 @@ std::string fillers(int count) {
         leaves += leaf("filler" + std::to_string(i), kFiller);
     }
     return leaves;
+}
+
+int timesIn(const std::string& text, const std::string& word) {
+    const std::size_t at = text.find(word);
+    return at == std::string::npos ? 0 : 1 + timesIn(text.substr(at + 1), word);
 }
 
 class Life : public testing::Test {
@@ -54,19 +56,12 @@ class Life : public testing::Test {
     }
     void TearDown() override { forgetMemory(); }
     std::string logged() { return log.take().console; }
+    static std::string stored(const std::string& name) { return storedIn(paths::kLiveDb, name); }
     // What a transaction leaves that is cut short once its pages go into the file.
     static Flash tornByTransaction() {
-        sqlite3* database = nullptr;
-        sqlite3_open(paths::kLiveDb, &database);
-        sqlite3_exec(database,
-                     "PRAGMA cache_size=1; BEGIN; UPDATE CONFIG SET VALUE=hex(zeroblob(2000))",
-                     nullptr, nullptr, nullptr);
-        Flash torn = flashNow();
-        sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
-        sqlite3_close(database);
-        EXPECT_NE(torn[paths::kLiveDb], readFile(paths::kLiveDb));
-        EXPECT_TRUE(torn.contains(paths::kLiveDbJournal));
-        return torn;
+        const Other other{
+            "PRAGMA cache_size=1; BEGIN; UPDATE CONFIG SET VALUE=hex(zeroblob(2000))"};
+        return flashNow();
     }
     DeviceLog log;
     Flash older;               // the live file as it was backed up
@@ -75,121 +70,72 @@ class Life : public testing::Test {
 
 // ---- What a start finds -------------------------------------------------------------------------
 
-struct Found {
-    const char* name;
-    std::function<void(Flash& flash)> happen;
-    const char* value;
-    const char* said;
-};
-
 TEST_F(Life, AStartKeepsTheBestOfWhatIsThere) {
-    const Flash good = flashNow();
+    Flash good = flashNow();
     Flash torn = tornByTransaction();
-    const std::string db = paths::kLiveDb;
-    const std::string journal = paths::kLiveDbJournal;
-    const std::string fresh = paths::kLiveNew;
-    const std::string fresh_md5 = paths::kLiveNewMd5;
-    const std::string backup = paths::kBackupDb;
-    const auto lose_backup = [&](Flash& flash) {
-        flash.erase(backup);
-        flash.erase(backup + ".md5");
-    };
-    const auto wait = [&](Flash& flash, const Flash& with) { // a finished replacement
-        flash[fresh] = with.at(db);
-        flash[fresh_md5] = with.at(kSidecar);
-    };
-    const Found cases[] = {
-        {"nothing happened", [](Flash&) {}, "newer", "database sound"},
-        {"the journal of a transaction that is over is back",
-         [&](Flash& flash) { flash[journal] = older_journal; }, "newer", "database sound"},
-        {"a journal lost bytes that its checksums do not see, before the file was touched",
-         [&](Flash& flash) {
-             flash[journal] = torn[journal];
-             flash[journal].at(torn[journal].find("newer")) = 'N';
-         },
-         "newer", "database sound"},
-        {"cut while the file was written", [&](Flash& flash) { flash = torn; }, "newer",
-         "database sound"},
-        {"cut between the commit and the seal",
-         [&](Flash& flash) {
-             flash[kSidecar] = older[kSidecar];
-             flash[paths::kLiveDbSeal] = older[paths::kLiveDbSeal];
-         },
-         "newer", "recovered from an interrupted write"},
-        {"a witness of another seal explains nothing",
-         [&](Flash& flash) {
-             flash[paths::kLiveDbSeal] = older[paths::kLiveDbSeal];
-             flash[db][flash[db].find("newer")] = 'N';
-         },
-         "backed-up", "taken from the backup"},
-        {"the replacement has the name, not yet the sidecar",
-         [&](Flash& flash) {
-             flash[fresh_md5] = flash[kSidecar];
-             flash[kSidecar] = older[kSidecar];
-             flash[paths::kLiveDbSeal] = "";
-         },
-         "newer", "database sound"},
-        {"a replacement is not needed", [&](Flash& flash) { wait(flash, older); }, "newer",
-         "database sound"},
-        {"a replacement waits for a file that is damaged",
-         [&](Flash& flash) {
-             wait(flash, flash);
-             flash[db][5000] ^= 1;
-         },
-         "newer", "taken from its finished replacement"},
-        {"an unfinished replacement is none",
-         [&](Flash& flash) {
-             flash[fresh] = flash[db];
-             flash[db][5000] ^= 1;
-         },
-         "backed-up", "taken from the backup"},
-        {"no sidecar and no backup: an older firmware's, or restored by hand",
-         [&](Flash& flash) {
-             flash.erase(kSidecar);
-             flash[paths::kLiveEvidence] = "of another day";
-             lose_backup(flash);
-         },
-         "newer", "used as it reads"},
-        {"the file cannot be read, the backup has no sidecar",
-         [&](Flash& flash) {
-             flash[db].assign(flash[db].size(), 'x');
-             flash.erase(backup + ".md5");
-         },
-         "backed-up", "vouches for the backup"},
-    };
-    for (const Found& c : cases) {
-        SCOPED_TRACE(c.name);
-        Flash flash = good;
-        c.happen(flash);
+    const std::string db = paths::kLiveDb, md5 = paths::kLiveDbMd5, seal = paths::kLiveDbSeal,
+                      journal = paths::kLiveDbJournal, fresh = paths::kLiveNew,
+                      fresh_md5 = paths::kLiveNewMd5, backup = paths::kBackupDb,
+                      backup_md5 = paths::kBackupDbMd5, gone = "(gone)";
+    ASSERT_TRUE(torn.contains(journal) && torn[db] != good[db]);
+    std::string damaged = good[db];
+    damaged[5000] ^= 1;
+    const auto expect = [&](const char* value, const char* said, const char* name,
+                            const Flash& changed) {
+        SCOPED_TRACE(name);
+        Flash flash = changed;
+        flash.insert(good.begin(), good.end());
+        std::erase_if(flash, [&](const auto& file) { return file.second == gone; });
         putFlash(flash);
         start();
-        EXPECT_EQ(live("p.word"), c.value);
-        EXPECT_EQ(live("p.filler7"), kFiller);
-        EXPECT_NE(logged().find(c.said), std::string::npos);
+        EXPECT_EQ(live("p.word") + live("p.filler7"), value + kFiller);
+        EXPECT_NE(logged().find(said), std::string::npos);
         EXPECT_TRUE(checkConfigDBMD5());
-        for (const std::string& left : {journal, fresh, fresh_md5}) {
-            EXPECT_FALSE(exists(left)) << left;
-        }
+        EXPECT_FALSE(exists(journal) || exists(fresh) || exists(fresh_md5));
         const Flash repaired = flashNow();
         start();
-        EXPECT_EQ(live("p.word"), c.value) << "the repair lasts";
+        EXPECT_EQ(live("p.word"), value) << "the repair lasts";
         EXPECT_NE(logged().find("database sound"), std::string::npos);
         EXPECT_EQ(flashNow(), repaired) << "a start that finds nothing new writes nothing";
-    }
+    };
+    expect("newer", "database sound", "nothing happened", {});
+    expect("newer", "database sound", "the journal of a transaction that is over is back",
+           {{journal, older_journal}});
+    expect("newer", "database sound",
+           "a journal lost bytes that its checksums do not see, before the file was touched",
+           {{journal, swapped(torn[journal], "newer", "N")}});
+    expect("newer", "database sound", "cut while the file was written", torn);
+    expect("newer", "recovered from an interrupted write", "cut between the commit and the seal",
+           {{md5, older[md5]}, {seal, older[seal]}});
+    expect("backed-up", "taken from the backup", "a witness of another seal explains nothing",
+           {{seal, older[seal]}, {db, swapped(good[db], "newer", "N")}});
+    expect("newer", "database sound", "the replacement has the name, not yet the sidecar",
+           {{fresh_md5, good[md5]}, {md5, older[md5]}, {seal, ""}});
+    expect("newer", "database sound", "a replacement is not needed",
+           {{fresh, older[db]}, {fresh_md5, older[md5]}});
+    expect("newer", "taken from its finished replacement", "a replacement waits for a damaged file",
+           {{fresh, good[db]}, {fresh_md5, good[md5]}, {db, damaged}});
+    expect("backed-up", "taken from the backup", "an unfinished replacement is none",
+           {{fresh, good[db]}, {db, damaged}});
+    expect(
+        "newer", "used as it reads",
+        "no sidecar and no backup: an older firmware's, or restored by hand",
+        {{md5, gone}, {paths::kLiveEvidence, "another day"}, {backup, gone}, {backup_md5, gone}});
+    expect("backed-up", "vouches for the backup",
+           "the file cannot be read, the backup has no sidecar",
+           {{db, std::string(good[db].size(), 'x')}, {backup_md5, gone}});
 }
 
 TEST_F(Life, AStartSealsAllThatItChanges) {
-    const std::string leaves[] = {leaf("a_passwd", "1"),
-                                  leaf("a_passwd", "1") + leaf("encrypt_campass", "0"),
-                                  leaf("b_passwd", "2") + leaf("encrypt_campass", "0")};
-    for (const std::string& tree : leaves) {
+    const std::string one = leaf("a_passwd", "1");
+    const std::string plain = leaf("encrypt_campass", "0");
+    for (const std::string& tree : {one, one + plain, leaf("b_passwd", "2") + plain}) {
         writeFile(paths::kNeutralTree, "<t><private type=\"trunk\">" + tree + "</private></t>");
         start();
-        EXPECT_TRUE(checkConfigDBMD5());
-        EXPECT_TRUE(untouchedSinceSealing());
+        EXPECT_TRUE(checkConfigDBMD5() && untouchedSinceSealing());
     }
     EXPECT_EQ(live("private.a_passwd") + live("private.b_passwd"), "12");
-    EXPECT_EQ(storedIn(paths::kLiveDb, "private.b_passwd"), scrambledForm("2"));
+    EXPECT_EQ(stored("private.b_passwd"), scrambledForm("2"));
 }
 
 TEST_F(Life, TheFileIsHeldWhileItIsLoaded) {
@@ -200,51 +146,42 @@ TEST_F(Life, TheFileIsHeldWhileItIsLoaded) {
 
 TEST_F(Life, NewNamesAreServedWhileTheFileIsLockedAndStoredLater) {
     writeTree(leaf("word", "default") + fillers(200) + leaf("added", "new"));
-    sqlite3* other = nullptr;
-    sqlite3_open(paths::kLiveDb, &other);
-    sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-    start();
-    EXPECT_EQ(live("p.word") + live("p.added"), "newernew");
-    sqlite3_close(other);
+    {
+        const Other other{"BEGIN EXCLUSIVE"};
+        start();
+        EXPECT_EQ(live("p.word") + live("p.added"), "newernew");
+    }
     tendLiveStore();
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.added"), "new");
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.word"), "newer");
+    EXPECT_EQ(stored("p.word") + stored("p.added"), "newernew");
 }
 
 // ---- Under the service --------------------------------------------------------------------------
 
 TEST_F(Life, AFileThatIsLostIsMadeAnewInThePass) {
-    const std::pair<const char*, std::function<void()>> losses[] = {
-        {"deleted", [] { std::filesystem::remove(paths::kLiveDb); }},
-        {"overwritten", [] { writeFile(paths::kLiveDb, std::string(12288, 'x')); }},
-        {"older", [&] { writeFile(paths::kLiveDb, older[paths::kLiveDb]); }},
-        {"changed by another program",
-         [] { sql(paths::kLiveDb, "UPDATE CONFIG SET VALUE='other'"); }},
-        {"with an old journal", [] {
-             const Flash torn = tornByTransaction();
-             std::filesystem::remove(paths::kLiveDb);
-             writeFile(paths::kLiveDbJournal, torn.at(paths::kLiveDbJournal));
-         }}};
-    for (const auto& [name, happen] : losses) {
+    const auto expect = [&](const std::string& name, auto happen) {
         SCOPED_TRACE(name);
         happen();
         setDirect({{"p.filler1", name}});
         EXPECT_NE(logged().find("made anew from memory"), std::string::npos);
         setDirect({{"p.filler2", name}});
         start();
-        EXPECT_EQ(live("p.word"), "newer");
-        EXPECT_EQ(live("p.filler1"), name);
-        EXPECT_EQ(live("p.filler2"), name);
-    }
+        EXPECT_EQ(live("p.word") + live("p.filler1") + live("p.filler2"), "newer" + name + name);
+    };
+    expect("deleted", [] { std::filesystem::remove(paths::kLiveDb); });
+    expect("overwritten", [] { writeFile(paths::kLiveDb, std::string(12288, 'x')); });
+    expect("older", [&] { writeFile(paths::kLiveDb, older[paths::kLiveDb]); });
+    expect("changed by another", [] { sql(paths::kLiveDb, "UPDATE CONFIG SET VALUE='other'"); });
+    expect("with an old journal", [] {
+        const Flash torn = tornByTransaction();
+        std::filesystem::remove(paths::kLiveDb);
+        writeFile(paths::kLiveDbJournal, torn.at(paths::kLiveDbJournal));
+    });
     EXPECT_EQ(pauses, 0) << "no row is tried on a lost file";
 }
 
 TEST_F(Life, OnlyAFileThatHoldsMemoryIsBackedUp) {
-    const std::pair<std::string, std::string> rots[] = {
-        {"newer", "never"}, // a value
-        {std::string(kFiller), std::string(kFiller.size(), '\0')},
-        {"string", "String"},
-    };
+    const Values rots = {
+        {"newer", "never"}, {kFiller, std::string(kFiller.size(), '\0')}, {"string", "String"}};
     for (const auto& [from, to] : rots) {
         rot(from, to);
         setDirect({{"p.filler199", from}}); // sealed with what has rotted
@@ -264,13 +201,12 @@ TEST_F(Life, WhatIsInMemoryOnlyIsNeverStored) {
     apply(setValueForSetAnswerListNoDBStore, {{"p.filler1", "passing"}});
     setLiveFile(LiveFile::kLost);
     setDirect({});
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.word"), "newer");
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.filler1"), "owed");
+    EXPECT_EQ(stored("p.word") + stored("p.filler1"), "newerowed");
     EXPECT_EQ(live("p.word") + live("p.filler1"), "passedpassing");
     setDirect({{"p.word", "kept"}});
     std::filesystem::remove(paths::kLiveDb);
     tendLiveStore();
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.word"), "kept");
+    EXPECT_EQ(stored("p.word"), "kept");
 }
 
 TEST_F(Life, ATornFileIsNotSealed) {
@@ -281,13 +217,12 @@ TEST_F(Life, ATornFileIsNotSealed) {
 }
 
 TEST_F(Life, AFileThatCannotBeHashedIsToldInThePass) {
-    for (const bool directory : {false, true}) {
+    for (const char* lost : {paths::kLiveDb, "/mnt/nand/conf"}) {
         writeFile(paths::kLiveEvidence, "so that what is in the way stays there");
-        std::filesystem::remove(paths::kLiveDb);
-        directory ? static_cast<void>(std::filesystem::create_directory(paths::kLiveDb))
-                  : static_cast<void>(std::filesystem::remove_all("/mnt/nand/conf"));
+        std::filesystem::remove_all(lost);
+        lost == paths::kLiveDb ? std::filesystem::create_directory(lost) : false;
         setDirect({});
-        EXPECT_NE(logged().find("create hash failed \n"), std::string::npos) << directory;
+        EXPECT_NE(logged().find("create hash failed \n"), std::string::npos) << lost;
         std::filesystem::create_directories("/mnt/nand/conf");
     }
 }
@@ -295,32 +230,25 @@ TEST_F(Life, AFileThatCannotBeHashedIsToldInThePass) {
 // ---- A storage that refuses ---------------------------------------------------------------------
 
 TEST_F(Life, TheFirstRefusedRowGetsTenAttemptsTheOthersOne) {
-    sqlite3* other = nullptr;
-    sqlite3_open(paths::kLiveDb, &other);
     for (const int rows : {1, 3}) {
-        sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-        log.take();
-        pauses = 0;
         Values values;
         for (int i = 0; i < rows; ++i) {
             values.emplace_back("p.filler" + std::to_string(i), std::to_string(rows));
         }
-        setDirect(values);
-        EXPECT_EQ(pauses, 10);
-        const std::string said = logged();
-        std::ptrdiff_t refusals = 0;
-        for (std::size_t at = 0; (at = said.find("SQL error: ", at)) != std::string::npos; ++at) {
-            ++refusals;
+        {
+            const Other other{"BEGIN EXCLUSIVE"};
+            log.take();
+            pauses = 0;
+            setDirect(values);
+            EXPECT_EQ(timesIn(logged(), "SQL error: "), rows == 1 ? 10 : 1 + 10 + rows - 1)
+                << "the transaction counts as one";
+            tendLiveStore();
+            EXPECT_EQ(pauses, 10) << "the upkeep asks once, and waits for nothing";
         }
-        EXPECT_EQ(refusals, rows == 1 ? 10 : 1 + 10 + rows - 1) << "the transaction counts as one";
         tendLiveStore();
-        EXPECT_EQ(pauses, 10) << "the upkeep asks once, and waits for nothing";
-        sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
-        tendLiveStore();
-        EXPECT_EQ(storedIn(paths::kLiveDb, "p.filler0"), std::to_string(rows));
+        EXPECT_EQ(stored("p.filler0"), std::to_string(rows));
         EXPECT_TRUE(checkConfigDBMD5());
     }
-    sqlite3_close(other);
 }
 
 TEST_F(Life, OneRowThatIsRefusedDoesNotTakeTheOthersWithIt) {
@@ -328,9 +256,7 @@ TEST_F(Life, OneRowThatIsRefusedDoesNotTakeTheOthersWithIt) {
                         "BEGIN SELECT RAISE(FAIL,'no'); END");
     settleLiveDatabase();
     setDirect({{"p.filler0", "a"}, {"p.filler1", "b"}, {"p.filler2", "c"}, {"p.filler0", "d"}});
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.filler0"), "d");
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.filler1"), kFiller);
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.filler2"), "c");
+    EXPECT_EQ(stored("p.filler0") + stored("p.filler1") + stored("p.filler2"), "d" + kFiller + "c");
     EXPECT_TRUE(anyUnstored());
 }
 
@@ -350,8 +276,8 @@ TEST_F(Life, PasswordsThatTheStartCouldNotScrambleAreScrambledLater) {
     }
     EXPECT_EQ(pauses, 0) << "with all locks held";
     tendLiveStore();
-    EXPECT_EQ(storedIn(paths::kLiveDb, "p.a_passwd"), scrambledForm("1"));
-    EXPECT_EQ(storedIn(paths::kLiveDb, kPasswordSwitch), "1");
+    EXPECT_EQ(stored("p.a_passwd"), scrambledForm("1"));
+    EXPECT_EQ(stored(kPasswordSwitch), "1");
     start();
     EXPECT_EQ(live("p.a_passwd"), "1");
 }

@@ -75,6 +75,23 @@ inline std::string storedIn(const char* path, const std::string& name) {
     return rows.empty() ? "(none)" : rows[0][0];
 }
 
+// Another process in the live file, until the end of the block.
+class Other {
+  public:
+    explicit Other(const char* statements) {
+        sqlite3_open(paths::kLiveDb, &database_);
+        EXPECT_EQ(sqlite3_exec(database_, statements, nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~Other() { sqlite3_close(database_); }
+    Other(const Other&) = delete;
+    Other& operator=(const Other&) = delete;
+    Other(Other&&) = delete;
+    Other& operator=(Other&&) = delete;
+
+  private:
+    sqlite3* database_ = nullptr;
+};
+
 // Everything on flash, by path.
 using Flash = std::map<std::string, std::string>;
 
@@ -98,14 +115,14 @@ inline void putFlash(const Flash& files) {
     }
 }
 
+inline std::string swapped(std::string text, const std::string& from, const std::string& to) {
+    return text.replace(text.find(from), to.size(), to);
+}
+
 // Changes bytes of the live file so that neither its size nor its time tells.
 inline void rot(const std::string& from, const std::string& to) {
     const auto written = std::filesystem::last_write_time(paths::kLiveDb);
-    std::string bytes = readFile(paths::kLiveDb);
-    const std::size_t at = bytes.find(from);
-    ASSERT_NE(at, std::string::npos);
-    bytes.replace(at, to.size(), to);
-    writeFile(paths::kLiveDb, bytes);
+    writeFile(paths::kLiveDb, swapped(readFile(paths::kLiveDb), from, to));
     std::filesystem::last_write_time(paths::kLiveDb, written);
 }
 

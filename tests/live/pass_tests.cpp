@@ -18,8 +18,8 @@
 namespace kelconf::test {
 namespace {
 
-// What another thread would get within that time; it goes on by itself once it can.
-bool canTake(std::int32_t (*enter)(), std::int32_t (*leave)(), std::chrono::milliseconds time) {
+// Whether another thread gets it within a moment; it goes on by itself once it can.
+bool canTake(std::int32_t (*enter)(), std::int32_t (*leave)()) {
     auto taken = std::make_shared<std::promise<void>>();
     auto result = taken->get_future();
     std::thread([=] {
@@ -27,24 +27,23 @@ bool canTake(std::int32_t (*enter)(), std::int32_t (*leave)(), std::chrono::mill
         leave();
         taken->set_value();
     }).detach();
-    return result.wait_for(time) == std::future_status::ready;
+    return result.wait_for(std::chrono::milliseconds{150}) == std::future_status::ready;
 }
 
-struct Lock {
-    const char* name;
-    std::int32_t (*enter)();
-    std::int32_t (*leave)();
-};
 std::int32_t enterBackup() {
     return pthread_mutex_lock(&backup_mutex);
 }
 std::int32_t leaveBackup() {
     return pthread_mutex_unlock(&backup_mutex);
 }
-const Lock kLocks[] = {{"get-all", enterGetAllCriticalSection, leaveGetAllCriticalSection},
-                       {"parameter", enterCriticalSection, leaveCriticalSection},
-                       {"backup", enterBackup, leaveBackup},
-                       {"event", enterEventCriticalSection, leaveEventCriticalSection}};
+const struct {
+    const char* name;
+    std::int32_t (*enter)();
+    std::int32_t (*leave)();
+} kLocks[] = {{" get-all", enterGetAllCriticalSection, leaveGetAllCriticalSection},
+              {" parameter", enterCriticalSection, leaveCriticalSection},
+              {" backup", enterBackup, leaveBackup},
+              {" event", enterEventCriticalSection, leaveEventCriticalSection}};
 
 using Steps = std::vector<std::string>;
 Steps steps;
@@ -52,10 +51,8 @@ std::atomic<bool> watching{false};
 
 // A lock that is held stays so until the step is over; one that is free is had at once.
 void note(std::string step) {
-    for (const Lock& lock : kLocks) {
-        if (!canTake(lock.enter, lock.leave, std::chrono::milliseconds{150})) {
-            step += std::string(" ") + lock.name;
-        }
+    for (const auto& [name, enter, leave] : kLocks) {
+        step += canTake(enter, leave) ? "" : name;
     }
     steps.push_back(std::move(step));
 }

@@ -2,26 +2,19 @@
 
 #include "builders/conf_builders.h"
 #include "db/live_db.h"
-#include "db/update_retries.h"
-#include "files/backup.h"
 #include "files/md5_sidecar.h"
-#include "live/live.h"
 #include "live/password_state.h"
 #include "live/seal.h"
-#include "paths.h"
-#include "service/live_values.h"
-#include "service/passwords.h"
-#include "support/files.h"
+#include "live_device.h"
 #include "support/records.h"
 #include "tree/xitem.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <filesystem>
 
 namespace kelconf::test {
 namespace {
+
+using Lines = std::vector<std::string>;
 
 class LiveStore : public testing::Test {
   protected:
@@ -38,11 +31,8 @@ class LiveStore : public testing::Test {
         allowUpdateRetries();
         emptyLists();
     }
-    std::vector<std::string> logged() { return sameInBothSinks(log.take()); }
-    static std::string stored(const std::string& name) {
-        const auto rows = sql(paths::kLiveDb, "SELECT VALUE FROM CONFIG WHERE NAME='" + name + "'");
-        return rows.empty() ? "(none)" : rows[0][0];
-    }
+    Lines logged() { return sameInBothSinks(log.take()); }
+    static std::string stored(const std::string& name) { return storedIn(paths::kLiveDb, name); }
     static void load() {
         emptyLists();
         loadSQLDB();
@@ -55,86 +45,66 @@ TEST_F(LiveStore, TheTableIsMadeOnceAsDescribed) {
               (SqlRows{{"CREATE TABLE CONFIG( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT               "
                         ",TYPE  TEXT           )"}}));
     createSQLTable();
-    EXPECT_EQ(logged(), std::vector<std::string>{});
+    EXPECT_EQ(logged(), Lines{});
     std::filesystem::remove(paths::kLiveDb);
     createSQLTable();
-    EXPECT_EQ(logged(), std::vector<std::string>{"0 Table created successfully\n"});
+    EXPECT_EQ(logged(), Lines{"0 Table created successfully\n"});
 }
 
 TEST_F(LiveStore, TextsAreStoredAndNeverExecuted) {
-    const std::string names[] = {"plain", "it's", "x'); DROP TABLE CONFIG; --", "\xc3\xa9", "a\"b"};
-    for (const std::string& name : names) {
-        EXPECT_EQ(insertSQLEntry(name.c_str(), name.c_str(), name.c_str()), 1);
-        EXPECT_EQ(updateSQLEntry(name.c_str(), "two''s'' quotes''''"), 1);
+    for (const char* name : {"plain", "it's", "x'); DROP TABLE CONFIG; --", "\xc3\xa9", "a\"b"}) {
+        EXPECT_EQ(insertSQLEntry(name, name, name), 1);
+        EXPECT_EQ(updateSQLEntry(name, "two''s'' quotes''''"), 1);
     }
     EXPECT_EQ(sql(paths::kLiveDb, "SELECT count(*), max(VALUE), min(VALUE) FROM CONFIG"),
               (SqlRows{{"5", "two's' quotes''", "two's' quotes''"}}));
-    EXPECT_EQ(updateSQLEntry("plain", "lone ' quote"), 1);
-    EXPECT_EQ(stored("plain"), "lone ' quote");
-    EXPECT_EQ(updateSQLEntry("plain", ""), 1);
-    EXPECT_EQ(stored("plain"), "");
-    EXPECT_EQ(updateSQLEntry("absent", "x"), 1);
-    EXPECT_EQ(logged(), std::vector<std::string>{});
-    EXPECT_EQ(insertSQLEntry("plain", "again", ""), 1);
-    EXPECT_EQ(logged(),
-              std::vector<std::string>{"2 SQL error: UNIQUE constraint failed: CONFIG.NAME\n"});
-    EXPECT_EQ(insertSQLEntry(nullptr, "", ""), 0);
-    EXPECT_EQ(updateSQLEntry("a", nullptr), 0);
+    for (const char* value : {"lone ' quote", ""}) {
+        EXPECT_EQ(updateSQLEntry("plain", value) + updateSQLEntry("absent", "x"), 2);
+        EXPECT_EQ(stored("plain"), value);
+    }
+    EXPECT_EQ(logged(), Lines{});
+    EXPECT_EQ(insertSQLEntry("plain", "again", "") + syncSQLDB() + querySQLTable("absent"), 3);
+    EXPECT_EQ(logged(), Lines{"2 SQL error: UNIQUE constraint failed: CONFIG.NAME\n"});
+    EXPECT_EQ(insertSQLEntry(nullptr, "", "") + updateSQLEntry("a", nullptr), 0);
     EXPECT_EQ(querySQLTable(nullptr), 0);
-    EXPECT_EQ(querySQLTable("absent"), 1);
-    EXPECT_EQ(syncSQLDB(), 1);
 }
 
 TEST_F(LiveStore, LoadingFillsAndSortsTheList) {
     sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES "
                         "('b','2','realtime'),('a',NULL,NULL),(NULL,'x','y'),('c','3','Realtime')");
     load();
-    ASSERT_EQ(CheckParamListLength(), 3);
-    EXPECT_EQ(live("a"), "");
-    EXPECT_EQ(seekParamElement("a")->persistent, 1);
-    EXPECT_EQ(seekParamElement("b")->persistent, 0);
-    EXPECT_EQ(seekParamElement("c")->persistent, 1);
-    EXPECT_STREQ(paramElementAt(0)->name, "a");
+    std::string list;
+    for (std::uint32_t i = 0; const ParamElement* param = paramElementAt(i); ++i) {
+        list +=
+            param->name + std::string("=") + param->value + (param->persistent != 0 ? "; " : ", ");
+    }
+    EXPECT_EQ(list, "a=; b=2, c=3; ");
     sql(paths::kLiveDb, "DROP TABLE CONFIG");
     load();
     EXPECT_EQ(CheckParamListLength(), 0);
-    EXPECT_EQ(logged(), std::vector<std::string>{"0 SQL error: no such table: CONFIG\n"});
-    EXPECT_EQ(checkDataBaseIntegrity(paths::kLiveDb), 0);
-    EXPECT_EQ(querySQLTable("a"), 0);
+    EXPECT_EQ(logged(), Lines{"0 SQL error: no such table: CONFIG\n"});
+    EXPECT_EQ(checkDataBaseIntegrity(paths::kLiveDb) + querySQLTable("a"), 0);
 }
 
 TEST_F(LiveStore, ALockedDatabaseIsTriedTenTimesASecondApart) {
     insertSQLEntry("a", "1", "");
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(paths::kLiveDb, &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
-    std::vector<std::string> ten_attempts;
-    for (int attempt = 0; attempt < 10; ++attempt) {
-        ten_attempts.emplace_back("2 PRAGMA sync full error:database is locked\n");
-        ten_attempts.emplace_back("2 SQL error: database is locked\n");
+    {
+        const Other other{"BEGIN EXCLUSIVE"};
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+        Lines ten_attempts;
+        for (int attempt = 0; attempt < 10; ++attempt) {
+            ten_attempts.emplace_back("2 PRAGMA sync full error:database is locked\n");
+            ten_attempts.emplace_back("2 SQL error: database is locked\n");
+        }
+        EXPECT_EQ(logged(), ten_attempts);
+        endUpdateRetries();
+        EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
+        EXPECT_EQ(logged().size(), 2U) << "one attempt once the service ends";
     }
-    EXPECT_EQ(logged(), ten_attempts);
-    endUpdateRetries();
-    EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
-    EXPECT_EQ(logged().size(), 2U) << "one attempt once the service ends";
-    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
-    sqlite3_close(other);
-    EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 1);
-}
-
-// A reader keeps the commit, but not the UPDATE, from going through.
-TEST_F(LiveStore, AFailedCommitIsAFailedAttempt) {
-    insertSQLEntry("a", "1", "");
-    sqlite3* reader = nullptr;
-    ASSERT_EQ(sqlite3_open(paths::kLiveDb, &reader), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(reader, "BEGIN; SELECT * FROM CONFIG", nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    EXPECT_EQ(updateSQLEntry("a", "2"), 0);
-    sqlite3_exec(reader, "ROLLBACK", nullptr, nullptr, nullptr);
-    sqlite3_close(reader);
+    const Other reader{"BEGIN; SELECT * FROM CONFIG"};
+    EXPECT_EQ(updateSQLEntry("a", "2"), 0) << "a commit that fails is an attempt that failed";
     EXPECT_EQ(stored("a"), "1");
 }
 
@@ -170,46 +140,33 @@ int buildNew() {
 }
 
 TEST_F(LiveStore, RefusedStatementsAreToldInTheWordsOfEachOperation) {
-    using Lines = std::vector<std::string>;
-    struct {
-        const char* refused;
-        int (*run)();
-        int result;
-        bool stored;
-        Lines lines;
-    } const cases[] = {
-        {"PRAGMA", insertNew, 1, true, {"0 PRAGMA NORMAL error:not authorized\n"}},
-        {"PRAGMA", updateOld, 1, true, {"2 PRAGMA sync full error:not authorized\n"}},
-        {"PRAGMA", syncSQLDB, 1, false, {"2 PRAGMA sync full error:not authorized\n"}},
-        {"PRAGMA", buildNew, 1, true, {"0 PRAGMA OFF error\n", "0 insert finishes\n"}},
-        {"BEGIN",
-         insertNew,
-         1,
-         true,
-         {"2 begin trans error:not authorized\n",
-          "2 end trans error:cannot commit - no transaction is active\n"}},
-        {"BEGIN", updateOld, 1, true, {}},
-        {"BEGIN",
-         buildNew,
-         1,
-         true,
-         {"0 begin trans error\n", "0 end trans error\n", "0 insert finishes\n"}},
-        {"COMMIT", insertNew, 1, false, {"2 end trans error:not authorized\n"}},
-        {"COMMIT", updateOld, 0, false, {}},
-        {"COMMIT", buildNew, 1, false, {"0 end trans error\n", "0 insert finishes\n"}},
-    };
-    for (const auto& c : cases) {
+    const auto expect = [&](const char* what, int (*run)(), int result, const char* stored,
+                            const Lines& lines) {
+        SCOPED_TRACE(what);
         SetUp();
         insertSQLEntry("old", "1", "");
-        refused = c.refused;
+        refused = what;
         sqlite3_auto_extension(reinterpret_cast<void (*)()>(watchConnection));
-        EXPECT_EQ(c.run(), c.result) << c.refused;
+        EXPECT_EQ(run(), result);
         sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(watchConnection));
-        EXPECT_EQ(logged(), c.lines) << c.refused;
+        EXPECT_EQ(logged(), lines);
         EXPECT_EQ(sql(paths::kLiveDb, "SELECT count(*) FROM CONFIG WHERE VALUE='stored'")[0][0],
-                  c.stored ? "1" : "0")
-            << c.refused;
-    }
+                  stored);
+    };
+    const std::string finished = "0 insert finishes\n";
+    const std::string full = "2 PRAGMA sync full error:not authorized\n";
+    expect("PRAGMA", insertNew, 1, "1", {"0 PRAGMA NORMAL error:not authorized\n"});
+    expect("PRAGMA", updateOld, 1, "1", {full});
+    expect("PRAGMA", syncSQLDB, 1, "0", {full});
+    expect("PRAGMA", buildNew, 1, "1", {"0 PRAGMA OFF error\n", finished});
+    expect("BEGIN", insertNew, 1, "1",
+           {"2 begin trans error:not authorized\n",
+            "2 end trans error:cannot commit - no transaction is active\n"});
+    expect("BEGIN", updateOld, 1, "1", {});
+    expect("BEGIN", buildNew, 1, "1", {"0 begin trans error\n", "0 end trans error\n", finished});
+    expect("COMMIT", insertNew, 1, "0", {"2 end trans error:not authorized\n"});
+    expect("COMMIT", updateOld, 0, "0", {});
+    expect("COMMIT", buildNew, 1, "0", {"0 end trans error\n", finished});
 }
 
 TEST_F(LiveStore, AFileThatCannotBeOpenedIsToldByEach) {
@@ -219,11 +176,10 @@ TEST_F(LiveStore, AFileThatCannotBeOpenedIsToldByEach) {
     EXPECT_EQ(insertNew() + updateOld() + syncSQLDB() + querySQLTable("a"), 0);
     loadSQLDB();
     buildNew();
+    Lines lines(6, "0 Can't open database: unable to open database file\n");
     EXPECT_EQ(checkDataBaseIntegrity(paths::kLiveDb), 0);
-    const std::string line = "0 Can't open database: unable to open database file\n";
-    EXPECT_EQ(logged(),
-              (std::vector<std::string>{line, line, line, line, line, line,
-                                        "0 checking /mnt/nand/conf/conf.db integrity\n", line}));
+    lines.insert(lines.end(), {"0 checking /mnt/nand/conf/conf.db integrity\n", lines[0]});
+    EXPECT_EQ(logged(), lines);
 }
 
 // ---- Seals ----
@@ -238,22 +194,19 @@ TEST_F(LiveStore, ASealTellsAnInterruptedWriteFromDamage) {
     sealLiveDatabase();
     const std::string good = readFile(paths::kLiveDb);
     for (std::size_t at = 0; at < good.size(); at += at < 100 ? 1 : 97) {
-        for (const int bit : {1, 64}) {
-            std::string bad = good;
-            bad[at] = static_cast<char>(bad[at] ^ bit);
+        std::string bad = good;
+        for (const int bits : {1, 64}) {
+            bad[at] = static_cast<char>(good[at] ^ bits);
             writeFile(paths::kLiveDb, bad);
             ASSERT_EQ(judgeLiveSeal(), LiveSeal::kBroken) << "byte " << at;
         }
-    }
-    for (std::size_t size = 0; size < good.size(); size += 211) {
-        writeFile(paths::kLiveDb, good.substr(0, size));
-        ASSERT_EQ(judgeLiveSeal(), LiveSeal::kBroken) << "cut at " << size;
+        writeFile(paths::kLiveDb, good.substr(0, at));
+        ASSERT_EQ(judgeLiveSeal(), LiveSeal::kBroken) << "cut at " << at;
     }
     writeFile(paths::kLiveDb, good);
     EXPECT_EQ(judgeLiveSeal(), LiveSeal::kMatches);
     updateSQLEntry("a", "3");
-    for (const std::string& witness :
-         {std::string{}, std::string("12"), std::string("000000000x\n")}) {
+    for (const char* witness : {"", "12", "000000000x\n"}) {
         writeFile(paths::kLiveDbSeal, witness);
         EXPECT_EQ(judgeLiveSeal(), LiveSeal::kBroken) << "nothing explains the difference";
     }
@@ -277,17 +230,15 @@ TEST_F(LiveStore, FilesAreCopiedWhole) {
 TEST_F(LiveStore, ABackupIsTakenOnlyWhenPending) {
     createBackupDBTask();
     EXPECT_FALSE(exists(paths::kBackupDb));
-    backup_pending = 1;
-    createBackupDBTask();
-    EXPECT_EQ(backup_pending, 0);
-    EXPECT_EQ(readFile(paths::kBackupDb), readFile(paths::kLiveDb));
-    EXPECT_TRUE(checkConfigBackupDBMD5());
-    std::filesystem::remove_all("/mnt/backup/conf");
-    log.take();
-    backup_pending = 1;
-    createBackupDBTask();
-    EXPECT_EQ(backup_pending, 0);
-    EXPECT_EQ(logged(), std::vector<std::string>{"2 create hash failed \n"});
+    for (const bool possible : {true, false}) {
+        backup_pending = 1;
+        createBackupDBTask();
+        EXPECT_EQ(backup_pending, 0);
+        EXPECT_EQ(readFile(paths::kBackupDb) == readFile(paths::kLiveDb), possible);
+        EXPECT_EQ(logged(), possible ? Lines{} : Lines{"2 create hash failed \n"});
+        EXPECT_EQ(checkConfigBackupDBMD5(), possible);
+        std::filesystem::remove_all("/mnt/backup/conf");
+    }
 }
 
 // ---- Passwords ----
@@ -300,38 +251,28 @@ TEST(Scrambling, ComesBackUpToItsCut) {
         simple_decrypt(text.get(), kScramblingKey);
         EXPECT_STREQ(text.get(), byte == 0x3D ? "ab" : plain.c_str()) << byte;
     }
-    EXPECT_EQ(scrambledForm("admin"), "JCcwLDE=");
-    EXPECT_EQ(scrambledForm(""), "");
-    EXPECT_EQ(scrambledForm("=x"), "");
-    EXPECT_TRUE(isPasswordName("a.mypasswords"));
-    EXPECT_TRUE(isPasswordName("passwd"));
+    EXPECT_EQ(scrambledForm("admin") + scrambledForm("") + scrambledForm("=x"), "JCcwLDE=");
+    EXPECT_TRUE(isPasswordName("a.mypasswords") && isPasswordName("passwd"));
     EXPECT_FALSE(isPasswordName("a.Password"));
 }
 
 TEST_F(LiveStore, TheConversionRunsOnce) {
-    for (const auto& [name, value] : {std::pair{"u.password", "it's"},
-                                      {"u.passwd", ""},
-                                      {"u.Password", "x"},
-                                      {"private.encrypt_campass", "0"}}) {
-        insertSQLEntry(name, value, "");
-    }
+    sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES ('u.password','it''s',''),('u.passwd','',''),"
+                        "('u.Password','x',''),('private.encrypt_campass','0','')");
     load();
     EXPECT_EQ(validatePrivateCampass(), 1);
-    EXPECT_EQ(checkPasswordEncryption(), 0);
-    EXPECT_EQ(encryptAllPasswordInDB(), 0);
-    EXPECT_EQ(logged(), std::vector<std::string>{"0 encrypt password\n"});
+    EXPECT_EQ(checkPasswordEncryption() + encryptAllPasswordInDB(), 0);
+    EXPECT_EQ(logged(), Lines{"0 encrypt password\n"});
     EXPECT_EQ(live("u.password"), "it's") << "the live value stays plain";
-    EXPECT_EQ(stored("u.password"), scrambledForm("it's"));
-    EXPECT_EQ(stored("u.passwd"), "");
-    EXPECT_EQ(stored("u.Password"), "x");
-    EXPECT_EQ(stored("private.encrypt_campass"), "1");
+    EXPECT_EQ(sql(paths::kLiveDb, "SELECT VALUE FROM CONFIG"),
+              (SqlRows{{scrambledForm("it's")}, {""}, {"x"}, {"1"}}));
     EXPECT_EQ(readFile(paths::kBackupDb), readFile(paths::kLiveDb));
     EXPECT_TRUE(checkConfigDBMD5() && checkConfigBackupDBMD5());
     EXPECT_EQ(encryptAllPasswordInDB(), 1);
     load();
     restorPlainPassword();
     EXPECT_EQ(live("u.password"), "it's");
-    EXPECT_EQ(logged(), std::vector<std::string>{"0 decrypt to plain text\n"});
+    EXPECT_EQ(logged(), Lines{"0 decrypt to plain text\n"});
     for (const auto& [value, scrambled] : {std::pair{"0", 0}, {"1", 1}, {"", 1}, {"00", 1}}) {
         replaceText(seekParamElement(kPasswordSwitch)->value, value);
         EXPECT_EQ(checkPasswordEncryption(), scrambled) << value;
@@ -339,9 +280,7 @@ TEST_F(LiveStore, TheConversionRunsOnce) {
 }
 
 TEST_F(LiveStore, PrivateSettingsAreOptional) {
-    EXPECT_EQ(encryptAllPasswordInDB(), 0);
-    EXPECT_EQ(checkPasswordEncryption(), 0);
-    EXPECT_EQ(validatePrivateCampass(), 0);
+    EXPECT_EQ(encryptAllPasswordInDB() + checkPasswordEncryption() + validatePrivateCampass(), 0);
     setExtFeatureStatus("x");
     addLive("private.ext_features", "old");
     setExtFeatureStatus(nullptr);
