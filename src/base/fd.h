@@ -1,4 +1,5 @@
-// Owner of a file descriptor: move-only, closed on destruction, -1 is empty. And reading from one.
+// Owner of a file descriptor: move-only, closed on destruction, -1 is empty. And reading and
+// writing.
 #pragma once
 
 #include <unistd.h>
@@ -48,6 +49,21 @@ inline ssize_t readSome(int fd, void* to, std::size_t size) noexcept {
         got = ::read(fd, to, size);
     } while (got < 0 && errno == EINTR);
     return got;
+}
+
+// Writes all. False, with errno set, when the descriptor takes no more.
+inline bool writeAll(int fd, const void* from, std::size_t size) noexcept {
+    const auto* bytes = static_cast<const char*>(from);
+    while (size > 0) {
+        const ssize_t written = ::write(fd, bytes, size);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        const std::size_t done = written < 0 ? 0 : static_cast<std::size_t>(written);
+        bytes += done;
+        size -= done;
+    }
+    return true;
 }
 
 } // namespace kelconf

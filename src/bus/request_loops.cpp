@@ -1,5 +1,6 @@
 #include "bus/request_loops.h"
 
+#include "base/watched.h"
 #include "bus/bus_context.h"
 #include "bus/bus_xml.h"
 #include "bus/endpoints.h"
@@ -14,9 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 
 namespace kelconf {
@@ -36,30 +35,14 @@ struct Endpoint {
 
 // What the threads of the loops share with the thread that stops them.
 struct LoopState {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool stopping = false;    // guarded by mutex, as the rest
+    bool stopping = false;
     std::int32_t running = 0; // loops that have not returned
     std::int32_t opened = 0;  // loops and brokers that have opened their endpoints
 };
 
-LoopState& loops() {
-    static LoopState state;
+Watched<LoopState>& loops() {
+    static Watched<LoopState> state;
     return state;
-}
-
-bool stopping() {
-    const std::lock_guard lock{loops().mutex};
-    return loops().stopping;
-}
-
-template <typename Change>
-void changeLoops(Change change) {
-    {
-        const std::lock_guard lock{loops().mutex};
-        change(loops());
-    }
-    loops().changed.notify_all();
 }
 
 // A document that could not be built is replaced by the bare root that fits.
@@ -148,7 +131,7 @@ enum class Received { kRequest, kNothing, kBroken, kEnd };
 
 Received outcomeOf(int result) {
     if (result >= 0) {
-        return stopping() ? Received::kEnd : Received::kRequest;
+        return loops().get().stopping ? Received::kEnd : Received::kRequest;
     }
     switch (zmq_errno()) {
     case EINTR:
@@ -171,7 +154,7 @@ void drainParts(void* socket, Message& last) {
 
 // Serves until the socket breaks (true) or the loop is to end (false).
 bool serveSocket(void* socket, const Endpoint& endpoint) {
-    while (!stopping()) {
+    while (!loops().get().stopping) {
         Message request;
         switch (outcomeOf(request.receive(socket, 0))) {
         case Received::kRequest:
@@ -193,25 +176,24 @@ bool serveSocket(void* socket, const Endpoint& endpoint) {
 
 // False when the loops are to end.
 bool pauseBeforeReopening() {
-    std::unique_lock lock{loops().mutex};
-    return !loops().changed.wait_for(lock, kReopenPause, [] { return loops().stopping; });
+    return !loops().awaitFor(kReopenPause, [](const LoopState& state) { return state.stopping; });
 }
 
 void runLoop(const Endpoint& endpoint) {
-    changeLoops([](LoopState& state) { ++state.running; });
+    loops().change([](LoopState& state) { ++state.running; });
     bool again = true;
     bool counted = false;
     while (again) {
         const Socket socket = openEndpoint(endpoint);
         if (!counted) {
-            changeLoops([](LoopState& state) { ++state.opened; });
+            loops().change([](LoopState& state) { ++state.opened; });
             counted = true;
         }
         again = serveSocket(socket.get(), endpoint);
         setSocketOption(socket.get(), ZMQ_LINGER, kLastReplyLinger);
         again = again && pauseBeforeReopening();
     }
-    changeLoops([](LoopState& state) {
+    loops().change([](LoopState& state) {
         --state.running;
         --state.opened;
     });
@@ -254,9 +236,9 @@ std::int32_t runBroker(const Broker& broker) {
         openRelayEnd(ZMQ_ROUTER, broker.front_address, broker.front_failed, broker.front_success);
     const Socket back =
         openRelayEnd(ZMQ_DEALER, broker.back_address, broker.back_failed, broker.back_success);
-    changeLoops([](LoopState& state) { ++state.opened; });
+    loops().change([](LoopState& state) { ++state.opened; });
     relayMessages(front.get(), back.get());
-    changeLoops([](LoopState& state) { --state.opened; });
+    loops().change([](LoopState& state) { --state.opened; });
     // What is still queued for peers that do not take it is given up with the relay.
     setSocketOption(front.get(), ZMQ_LINGER, 0);
     setSocketOption(back.get(), ZMQ_LINGER, 0);
@@ -290,7 +272,7 @@ std::int32_t initSetSyncSock() {
 }
 
 void stopRequestLoops() {
-    changeLoops([](LoopState& state) { state.stopping = true; });
+    loops().change([](LoopState& state) { state.stopping = true; });
     // The wakers stay until the loops have ended: closing one takes back what it has sent.
     std::array<Socket, kEndpoints.size()> wakers;
     for (std::size_t i = 0; i < wakers.size(); ++i) {
@@ -299,17 +281,15 @@ void stopRequestLoops() {
         zmq_connect(wakers[i].get(), kEndpoints[i]->stop_address);
         zmq_send(wakers[i].get(), "", 0, ZMQ_DONTWAIT);
     }
-    std::unique_lock lock{loops().mutex};
-    loops().changed.wait(lock, [] { return loops().running == 0; });
+    loops().await([](const LoopState& state) { return state.running == 0; });
 }
 
 void allowRequestLoops() {
-    changeLoops([](LoopState& state) { state.stopping = false; });
+    loops().change([](LoopState& state) { state.stopping = false; });
 }
 
 void awaitRequestLoops(std::int32_t count) {
-    std::unique_lock lock{loops().mutex};
-    loops().changed.wait(lock, [&] { return loops().opened >= count; });
+    loops().await([count](const LoopState& state) { return state.opened >= count; });
 }
 
 } // namespace kelconf

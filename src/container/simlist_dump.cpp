@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace kelconf {
 
@@ -32,16 +33,7 @@ struct Writer {
 };
 
 bool Writer::flush() {
-    std::size_t done = 0;
-    while (done < used) {
-        const ssize_t wrote = ::write(descriptor, &buffer[done], used - done);
-        if (wrote < 0 && errno != EINTR) {
-            return false;
-        }
-        done += wrote < 0 ? 0 : static_cast<std::size_t>(wrote);
-    }
-    used = 0;
-    return true;
+    return writeAll(descriptor, buffer.data(), std::exchange(used, 0));
 }
 
 bool Writer::put(const void* bytes, std::size_t length) {

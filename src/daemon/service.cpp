@@ -1,5 +1,6 @@
 #include "daemon/service.h"
 
+#include "base/watched.h"
 #include "bus/bus_context.h"
 #include "bus/event_publisher.h"
 #include "bus/request_loops.h"
@@ -15,9 +16,7 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -42,30 +41,16 @@ void relaySets() {
     initSetSyncSock();
 }
 
-// Whether the upkeep is to end.
-struct UpkeepEnd {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool wanted = false; // guarded by mutex
-};
-UpkeepEnd upkeep_end;
-
-void runUpkeep() {
-    const auto period = std::chrono::seconds{kUpkeepPeriod};
-    std::unique_lock lock{upkeep_end.mutex};
-    while (!upkeep_end.changed.wait_for(lock, period, [] { return upkeep_end.wanted; })) {
-        lock.unlock();
-        tendLiveStore();
-        lock.lock();
-    }
+bool isTrue(bool value) {
+    return value;
 }
 
-void endUpkeep() {
-    {
-        const std::lock_guard lock{upkeep_end.mutex};
-        upkeep_end.wanted = true;
+Watched<bool> upkeep_ended;
+
+void runUpkeep() {
+    while (!upkeep_ended.awaitFor(std::chrono::seconds{kUpkeepPeriod}, isTrue)) {
+        tendLiveStore();
     }
-    upkeep_end.changed.notify_all();
 }
 
 struct ServiceThread {
@@ -125,11 +110,7 @@ class RetryDeadline {
   public:
     RetryDeadline() : timer_([this] { run(); }) {}
     ~RetryDeadline() {
-        {
-            const std::lock_guard lock{mutex_};
-            done_ = true;
-        }
-        changed_.notify_all();
+        done_.set(true);
         timer_.join();
     }
     RetryDeadline(const RetryDeadline&) = delete;
@@ -139,16 +120,12 @@ class RetryDeadline {
 
   private:
     void run() {
-        std::unique_lock lock{mutex_};
-        if (!changed_.wait_for(lock, std::chrono::seconds{kStopPatience},
-                               [this] { return done_; })) {
+        if (!done_.awaitFor(std::chrono::seconds{kStopPatience}, isTrue)) {
             endUpdateRetries();
         }
     }
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool done_ = false; // guarded by mutex_
+    Watched<bool> done_;
     std::thread timer_;
 };
 
@@ -174,7 +151,7 @@ void stopService() {
         const RetryDeadline deadline;
         stopRequestLoops();
         endFileEvents();
-        endUpkeep();
+        upkeep_ended.set(true);
         join(threads[kWriteBack]);
         join(threads[kUpkeep]);
     }

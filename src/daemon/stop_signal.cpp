@@ -1,26 +1,27 @@
 #include "daemon/stop_signal.h"
 
+#include "base/watched.h"
 #include "db/update_retries.h"
 #include "files/backup.h"
 
-#include <condition_variable>
 #include <csignal>
-#include <mutex>
 
 namespace kelconf {
 
 namespace {
 
 struct StopState {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int signal_number = 0; // guarded by mutex, as the rest
+    int signal_number = 0;
     bool starting = true;
 };
 
-StopState& state() {
-    static auto* const kept = new StopState; // the thread may outlive the statics
+Watched<StopState>& state() {
+    static auto* const kept = new Watched<StopState>; // the thread may outlive the statics
     return *kept;
+}
+
+bool signalled(const StopState& stop) {
+    return stop.signal_number != 0;
 }
 
 sigset_t stopSignals() {
@@ -36,14 +37,12 @@ void* watch(void* /*argument*/) {
     int number = 0;
     const sigset_t set = stopSignals();
     sigwait(&set, &number);
-    {
-        const std::lock_guard lock{state().mutex};
-        state().signal_number = number;
-        if (state().starting) {
+    state().change([number](StopState& stop) {
+        stop.signal_number = number;
+        if (stop.starting) {
             endUpdateRetries();
         }
-    }
-    state().changed.notify_all();
+    });
     return nullptr;
 }
 
@@ -59,21 +58,18 @@ bool watchStopSignals() {
 }
 
 int stopSignalWithin(std::chrono::milliseconds time) {
-    std::unique_lock lock{state().mutex};
-    state().changed.wait_for(lock, time, [] { return state().signal_number != 0; });
-    return state().signal_number;
+    state().awaitFor(time, signalled);
+    return state().get().signal_number;
 }
 
 int awaitStopSignal() {
-    std::unique_lock lock{state().mutex};
-    state().changed.wait(lock, [] { return state().signal_number != 0; });
-    return state().signal_number;
+    state().await(signalled);
+    return state().get().signal_number;
 }
 
 int endOfStart() {
-    const std::lock_guard lock{state().mutex};
-    state().starting = false;
-    return state().signal_number;
+    state().change([](StopState& stop) { stop.starting = false; });
+    return state().get().signal_number;
 }
 
 } // namespace kelconf

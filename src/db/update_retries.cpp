@@ -1,8 +1,6 @@
 #include "db/update_retries.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include "base/watched.h"
 
 namespace kelconf {
 
@@ -10,40 +8,23 @@ namespace {
 
 constexpr std::chrono::seconds kPause{1};
 
-struct RetryGate {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool closed = false; // guarded by mutex
-};
-
-RetryGate& retryGate() {
-    static RetryGate gate;
-    return gate;
-}
-
-void setRetryGate(bool closed) {
-    RetryGate& gate = retryGate();
-    {
-        const std::lock_guard lock{gate.mutex};
-        gate.closed = closed;
-    }
-    gate.changed.notify_all();
+Watched<bool>& retriesEnded() {
+    static Watched<bool> ended;
+    return ended;
 }
 
 } // namespace
 
 bool pauseBeforeRetry() {
-    RetryGate& gate = retryGate();
-    std::unique_lock lock{gate.mutex};
-    return !gate.changed.wait_for(lock, kPause, [&] { return gate.closed; });
+    return !retriesEnded().awaitFor(kPause, [](bool ended) { return ended; });
 }
 
 void endUpdateRetries() {
-    setRetryGate(true);
+    retriesEnded().set(true);
 }
 
 void allowUpdateRetries() {
-    setRetryGate(false);
+    retriesEnded().set(false);
 }
 
 } // namespace kelconf

@@ -22,18 +22,6 @@ namespace {
 constexpr std::size_t kCopyBuffer = 131072; // bytes of one read and write
 constexpr mode_t kBackupMode = 0640;        // it holds passwords
 
-// Writes all, as far as the file system takes it.
-void writeAll(int fd, const std::byte* bytes, std::size_t size) {
-    while (size > 0) {
-        const ssize_t written = write(fd, bytes, size);
-        if (written <= 0) {
-            return;
-        }
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
-    }
-}
-
 } // namespace
 
 std::int32_t CreateThread(void* (*routine)(void*), void* argument) {

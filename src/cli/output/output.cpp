@@ -1,5 +1,6 @@
 #include "cli/output/output.h"
 
+#include "base/fd.h"
 #include "cli/output/shown_text.h"
 #include "paths.h"
 
@@ -28,16 +29,8 @@ Standard& standard() {
 }
 
 // 0, or errno.
-int writeAll(int descriptor, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t written = write(descriptor, bytes.data(), bytes.size());
-        if (written >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno != EINTR) {
-            return errno;
-        }
-    }
-    return 0;
+int put(int descriptor, std::string_view bytes) {
+    return writeAll(descriptor, bytes.data(), bytes.size()) ? 0 : errno;
 }
 
 } // namespace
@@ -64,7 +57,7 @@ void out(std::string_view bytes) {
         flushOutput();
     }
     if (bytes.size() > kGathered && output.failure == 0) {
-        output.failure = writeAll(STDOUT_FILENO, bytes);
+        output.failure = put(STDOUT_FILENO, bytes);
         return;
     }
     if (output.failure == 0) {
@@ -75,7 +68,7 @@ void out(std::string_view bytes) {
 bool flushOutput() {
     Standard& output = standard();
     if (output.failure == 0) {
-        output.failure = writeAll(STDOUT_FILENO, output.gathered);
+        output.failure = put(STDOUT_FILENO, output.gathered);
     }
     output.gathered.clear();
     return output.failure == 0;
@@ -97,11 +90,11 @@ int finishOutput(int status) {
 
 void complain(std::string_view text) {
     const std::string line = "kelctl: " + shownText(text) + "\n";
-    writeAll(STDERR_FILENO, line);
+    put(STDERR_FILENO, line);
 }
 
 void toStandardError(std::string_view bytes) {
-    writeAll(STDERR_FILENO, bytes);
+    put(STDERR_FILENO, bytes);
 }
 
 bool onTerminal(int descriptor) {

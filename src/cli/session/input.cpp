@@ -18,16 +18,11 @@ namespace {
 int readAll(int descriptor, std::string& content) {
     std::array<char, std::size_t{64} * 1024> piece{};
     for (;;) {
-        const ssize_t length = read(descriptor, piece.data(), piece.size());
-        if (length == 0) {
-            return 0;
+        const ssize_t length = readSome(descriptor, piece.data(), piece.size());
+        if (length <= 0) {
+            return length < 0 ? errno : 0;
         }
-        if (length < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (length > 0) {
-            content.append(piece.data(), static_cast<std::size_t>(length));
-        }
+        content.append(piece.data(), static_cast<std::size_t>(length));
         if (content.size() > kLongestInput) {
             return EFBIG;
         }

@@ -41,15 +41,14 @@ int readBytes(const char* path, Bytes& bytes, std::size_t limit = 0) {
     bytes.resize(limit != 0 ? limit : static_cast<std::size_t>(info.st_size));
     std::size_t filled = 0;
     while (filled < bytes.size()) {
-        const ssize_t length = pread(file.get(), bytes.data() + filled, bytes.size() - filled,
-                                     static_cast<off_t>(filled));
-        if (length < 0 && errno != EINTR) {
+        const ssize_t length = readSome(file.get(), bytes.data() + filled, bytes.size() - filled);
+        if (length < 0) {
             return errno;
         }
         if (length == 0) {
             break;
         }
-        filled += length > 0 ? static_cast<std::size_t>(length) : 0;
+        filled += static_cast<std::size_t>(length);
     }
     bytes.resize(filled);
     return 0;
