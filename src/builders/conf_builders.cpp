@@ -2,7 +2,7 @@
 
 #include "db/default_db.h"
 #include "db/live_statements.h"
-#include "db/sqlite_handle.h"
+#include "db/table_transaction.h"
 #include "files/md5_sidecar.h"
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
@@ -24,6 +24,12 @@ namespace kelconf {
 namespace {
 
 constexpr std::string_view kLeftOutPrefix = "ipcam.";
+
+constexpr TransactionRecords kRecords = {{kLogInfo, "Can't open database: ", true},
+                                         {kLogInfo, "PRAGMA OFF error", false},
+                                         {kLogInfo, "begin trans error", false},
+                                         {kLogInfo, "end trans error", false},
+                                         true};
 
 void reportWalk(const TreeWalkResult& walk) {
     if (walk.refused > 0) {
@@ -78,11 +84,10 @@ bool insertItem(sqlite3* database, Statement& insert, const xitem& item) {
     return insertRow(insert.get(), item.name, item.value, item.type);
 }
 
-void insertItems(sqlite3* database, std::int32_t count) {
+void insertItems(sqlite3* database) {
     Statement insert;
-    for (std::int32_t i = 0; i < count; ++i) {
-        const xitem& item = *xitemAt(static_cast<std::uint32_t>(i));
-        if (belongsToLiveTable(item) && !insertItem(database, insert, item) &&
+    for (std::uint32_t i = 0; const xitem* item = xitemAt(i); ++i) {
+        if (belongsToLiveTable(*item) && !insertItem(database, insert, *item) &&
             !failedByConstraint(database)) {
             noteStorageFault();
         }
@@ -120,28 +125,9 @@ void createExtConf() {
 }
 
 void addXItemInDatabase() {
-    const std::int32_t count = CheckXitemListLength();
-    const OpenedDatabase database = openDatabase(paths::kLiveDb);
-    sqlite3* handle = database.handle.get();
-    if (!database.opened) {
-        keldebug(kLogInfo, kToBoth, "Can't open database: %s\n", database.message());
-        noteStorageFault();
-        return;
+    if (writeInTransaction(paths::kLiveDb, kRecords, insertItems) == 1) {
+        keldebug(kLogInfo, kToBoth, "insert finishes\n");
     }
-    if (!execute(handle, kLiveSynchronous)) {
-        keldebug(kLogInfo, kToBoth, "PRAGMA OFF error\n");
-        noteStorageFault();
-    }
-    if (!execute(handle, "BEGIN TRANSACTION")) {
-        keldebug(kLogInfo, kToBoth, "begin trans error\n");
-        noteStorageFault();
-    }
-    insertItems(handle, count);
-    if (!execute(handle, "END TRANSACTION")) {
-        keldebug(kLogInfo, kToBoth, "end trans error\n");
-        noteStorageFault();
-    }
-    keldebug(kLogInfo, kToBoth, "insert finishes\n");
 }
 
 bool visitLiveItems(const std::function<void(const xitem&)>& visit) {

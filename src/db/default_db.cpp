@@ -1,6 +1,6 @@
 #include "db/default_db.h"
 
-#include "db/sqlite_handle.h"
+#include "db/table_transaction.h"
 #include "files/storage_fault.h"
 #include "log/keldebug.h"
 #include "paths.h"
@@ -23,6 +23,12 @@ constexpr const char* kCreateTable =
 constexpr std::string_view kInsert =
     "INSERT INTO CONFIGDEFAULT (NAME,VALUE,TYPE,RANGE,STEP,HTTP_ACCESS,OPTIONS) "
     "VALUES (?,?,?,?,?,?,?); ";
+
+constexpr TransactionRecords kRecords = {{kLogInfo, "Can't open database: ", true},
+                                         {kLogError, "PRAGMA NORMAL error:", true},
+                                         {kLogError, "begin trans error", false},
+                                         {kLogError, "end trans error", false},
+                                         true};
 
 // Largest default database, in bytes, whose rollback journal is kept in memory.
 constexpr off_t kMaxMemoryJournal = 64 << 20;
@@ -80,28 +86,8 @@ void createDefaultSQLTable() {
 }
 
 std::int32_t insertDefaultSQLEntry() {
-    const OpenedDatabase database = openDatabase(paths::kDefaultDb);
-    sqlite3* handle = database.handle.get();
-    if (!database.opened) {
-        keldebug(kLogInfo, kToBoth, "Can't open database: %s\n", database.message());
-        noteStorageFault();
-        return 0;
-    }
-    if (!execute(handle, "PRAGMA synchronous = NORMAL")) {
-        keldebug(kLogError, kToBoth, "PRAGMA NORMAL error:%s\n", sqlite3_errmsg(handle));
-        noteStorageFault();
-    }
-    keepJournalInMemory(handle, paths::kDefaultDb);
-    if (!execute(handle, "BEGIN TRANSACTION")) {
-        keldebug(kLogError, kToBoth, "begin trans error\n");
-        noteStorageFault();
-    }
-    insertItems(handle);
-    if (!execute(handle, "END TRANSACTION")) {
-        keldebug(kLogError, kToBoth, "end trans error\n");
-        noteStorageFault();
-    }
-    return 1;
+    const auto ready = [](sqlite3* database) { keepJournalInMemory(database, paths::kDefaultDb); };
+    return writeInTransaction(paths::kDefaultDb, kRecords, insertItems, ready);
 }
 
 std::int32_t checkDefaultDataBaseIntegrity(const char* path) {
@@ -126,7 +112,7 @@ void shrinkDB(const char* path) {
         return;
     }
     if (std::strcmp(path, paths::kDefaultDb) == 0) {
-        execute(database.handle.get(), "PRAGMA synchronous = NORMAL");
+        execute(database.handle.get(), kSynchronousNormal);
         keepJournalInMemory(database.handle.get(), path);
     }
     if (!execute(database.handle.get(), "VACUUM")) {

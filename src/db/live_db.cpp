@@ -1,6 +1,7 @@
 #include "db/live_db.h"
 
 #include "db/live_statements.h"
+#include "db/table_transaction.h"
 #include "db/update_retries.h"
 #include "log/keldebug.h"
 #include "paths.h"
@@ -14,6 +15,12 @@ namespace {
 
 constexpr std::string_view kProbe = "SELECT NAME=? from CONFIG;";
 constexpr const char* kSelectAll = "SELECT * from CONFIG";
+
+constexpr TransactionRecords kRecords = {{kLogInfo, "Can't open database: ", true},
+                                         {kLogInfo, "PRAGMA NORMAL error:", true},
+                                         {kLogError, "begin trans error:", true},
+                                         {kLogError, "end trans error:", true},
+                                         false};
 
 constexpr int kAttempts = 10;
 
@@ -47,25 +54,13 @@ std::int32_t insertSQLEntry(const char* name, const char* value, const char* typ
     if (name == nullptr || value == nullptr || type == nullptr) {
         return 0;
     }
-    const OpenedDatabase database = openLogged(paths::kLiveDb);
-    sqlite3* handle = database.handle.get();
-    if (!database.opened) {
-        return 0;
-    }
-    if (!execute(handle, kLiveSynchronous)) {
-        keldebug(kLogInfo, kToBoth, "PRAGMA NORMAL error:%s\n", sqlite3_errmsg(handle));
-    }
-    if (!execute(handle, "BEGIN TRANSACTION")) {
-        keldebug(kLogError, kToBoth, "begin trans error:%s\n", sqlite3_errmsg(handle));
-    }
-    const Statement insert = prepare(handle, kInsertLiveRow);
-    if (!insertRow(insert.get(), name, value, type)) {
-        logStatementError(handle);
-    }
-    if (!execute(handle, "END TRANSACTION")) {
-        keldebug(kLogError, kToBoth, "end trans error:%s\n", sqlite3_errmsg(handle));
-    }
-    return 1;
+    const auto insert_row = [&](sqlite3* database) {
+        const Statement insert = prepare(database, kInsertLiveRow);
+        if (!insertRow(insert.get(), name, value, type)) {
+            logStatementError(database);
+        }
+    };
+    return writeInTransaction(paths::kLiveDb, kRecords, insert_row);
 }
 
 std::int32_t updateSQLEntry(const char* name, const char* value) {

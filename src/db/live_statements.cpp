@@ -18,7 +18,7 @@ void logStatementError(sqlite3* database) {
 }
 
 void setSynchronous(sqlite3* database) {
-    if (!execute(database, kLiveSynchronous)) {
+    if (!execute(database, kSynchronousNormal)) {
         keldebug(kLogError, kToBoth, "PRAGMA sync full error:%s\n", sqlite3_errmsg(database));
     }
 }

@@ -3,7 +3,7 @@
 // db/live_db.cpp, live/rows.cpp and the builders.
 #pragma once
 
-#include "db/sqlite_handle.h"
+#include "db/table_transaction.h"
 
 #include <string_view>
 
@@ -15,11 +15,10 @@ inline constexpr const char* kCreateLiveTable =
 inline constexpr std::string_view kInsertLiveRow =
     "INSERT INTO CONFIG (NAME,VALUE,TYPE) VALUES (?,?,?);";
 inline constexpr std::string_view kUpdateLiveRow = "UPDATE CONFIG set VALUE = ? where NAME=?;";
-inline constexpr const char* kLiveSynchronous = "PRAGMA synchronous = NORMAL";
 
 OpenedDatabase openLogged(const char* path);
 void logStatementError(sqlite3* database);
-// Sets the connection to kLiveSynchronous.
+// Sets the connection to kSynchronousNormal.
 void setSynchronous(sqlite3* database);
 
 // Bind and run a statement that was prepared from the texts above, null when it could not be. The

@@ -110,7 +110,7 @@ bool storeTogether(const std::vector<LiveRow>& rows, VersionOf version_of, int a
 bool makeDatabase(const char* path, const std::vector<LiveRow>& rows, VersionOf version_of) {
     const OpenedDatabase database = openDatabase(path);
     sqlite3* handle = database.handle.get();
-    if (!database.opened || !execute(handle, kLiveSynchronous) ||
+    if (!database.opened || !execute(handle, kSynchronousNormal) ||
         !execute(handle, "BEGIN TRANSACTION") || !execute(handle, kCreateLiveTable)) {
         return false;
     }
