@@ -70,7 +70,8 @@ void removeDatabase() {
 }
 
 // An old sidecar could match by chance what a failed build has left: two builds of the same
-// rows are the same to the byte. Where it cannot be removed, an empty one matches nothing; where
+// rows are the same to the byte, once compacted. Rows that are all there may match it: a compaction
+// that fails then loses nothing. Where it cannot be removed, an empty one matches nothing; where
 // it cannot be changed at all, there must be nothing that it could match.
 void removeSeal() {
     if (unlink(paths::kDefaultDbMd5) != 0 && errno != ENOENT &&
@@ -99,7 +100,6 @@ void rebuild() {
     }
     shrinkDB(paths::kDefaultDb);
     if (storageFaultNoted()) {
-        removeSeal();
         checkHash(paths::kDefaultDb); // for its record
         keldebug(kLogError, kToBoth, "default database incomplete, not sealed\n");
         return;

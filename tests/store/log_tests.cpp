@@ -49,7 +49,8 @@ TEST(Log, RecordsAreExactInBothSinks) {
 
 TEST(Log, TheConsoleShowsLocalTime) {
     DeviceLog log;
-    for (const char* zone : {"X-3:17", "X-9:17"}) { // one at least has an hour unlike the second
+    for (const char* zone :
+         {"ABC-3:17", "ABC-9:17"}) { // one at least has an hour unlike the second
         setenv("TZ", zone, 1);
         tzset();
         std::string stamps[2];
