@@ -22,6 +22,8 @@
  * KELBUS_NO_SERVICE; an answer that comes too late never answers a later request. Changes made
  * while a watch is not connected are not seen by it: kelbus_watch_open_with tells of that.
  *
+ * What the factory gave a parameter, its default and rule, is in kelbus_catalog.h.
+ *
  * No call prints anything, changes signal handlers or ends the process.
  */
 #ifndef KELBUS_H
@@ -52,7 +54,8 @@ typedef enum {
     KELBUS_BROKEN_REPLY, /* what came is no answer to the request: cut, no XML, of another kind */
     KELBUS_BAD_ARGUMENT, /* null, an empty name, a text that XML cannot carry, a request over 16
                             MiB; a value that is not of the type asked for */
-    KELBUS_NO_MEMORY     /* or no descriptor or thread: the process is at a limit of its own */
+    KELBUS_NO_MEMORY,    /* or no descriptor or thread: the process is at a limit of its own */
+    KELBUS_NO_CATALOG    /* kelbus_catalog.h: the factory defaults cannot be read */
 } kelbus_error;
 
 /* Where a value that is set is kept. */

@@ -12,15 +12,19 @@
         for change in watch:
             print(change.name, change.previous, "->", change.value)
 
+    kelbus.Catalog()["network.http.port"].default   # what the factory gave it; needs no service
+
 The same for asyncio: AsyncClient, and `async for change in watch`. Errors are KelbusError and what
 derives from it. It stands on libkelbus, whose header kelbus.h says more of what is guaranteed.
 """
 
+from ._catalog import Catalog, Definition
 from ._client import AsyncClient, Client, Kind
 from ._library import (
     BadArgument,
     BrokenReply,
     KelbusError,
+    NoCatalog,
     NoMemory,
     NoService,
     Refused,
@@ -35,10 +39,13 @@ __all__ = [
     "AsyncClient",
     "BadArgument",
     "BrokenReply",
+    "Catalog",
     "Change",
     "Client",
+    "Definition",
     "KelbusError",
     "Kind",
+    "NoCatalog",
     "NoMemory",
     "NoService",
     "Refused",

@@ -7,8 +7,6 @@ from collections.abc import Iterator
 from ctypes import POINTER, c_char_p, c_int, c_size_t, c_uint, c_void_p
 from pathlib import Path
 
-_NAME = "libkelbus.so.0"
-
 
 class KelbusError(Exception):
     """What went wrong, in words; never a value. The base of all errors of this module."""
@@ -41,12 +39,17 @@ class BadArgument(KelbusError, ValueError):
     """A name or text that cannot be sent, or a value that is not of the type asked for."""
 
 
+class NoCatalog(KelbusError, OSError):
+    """The factory defaults cannot be read."""
+
+
 class NoMemory(KelbusError, MemoryError):
     """Memory, threads or descriptors are short in this process."""
 
 
 OK, TIMEOUT, BROKEN_REPLY = 0, 2, 5
-_ERRORS = [KelbusError, NoService, Timeout, UnknownName, Refused, BrokenReply, BadArgument, NoMemory]
+_ERRORS = [KelbusError, NoService, Timeout, UnknownName, Refused, BrokenReply, BadArgument, NoMemory,
+           NoCatalog]
 WATCH_GAPS, WATCH_VALUES = 1, 2
 
 
@@ -62,22 +65,29 @@ class RawChange(ctypes.Structure):
     _fields_ = [("name", c_char_p), ("value", c_char_p), ("prev_value", c_char_p)]
 
 
-def _candidates() -> Iterator[str]:
+def _candidates(name: str) -> Iterator[str]:
     """The library that was installed with this module, then whichever the loader finds."""
     for directory in Path(__file__).resolve().parents[2:4]:
         for place in (directory, *directory.glob("*-linux-*")):
-            if (place / _NAME).exists():
-                yield str(place / _NAME)
-    yield _NAME
+            if (place / name).exists():
+                yield str(place / name)
+    yield name
 
 
-def _load() -> ctypes.CDLL:
-    for path in _candidates():
+def load(name: str, prefix: str, signatures: dict[str, tuple[object, list]]) -> ctypes.CDLL:
+    """A library with the result and arguments of its functions, whose names begin alike."""
+    for path in _candidates(name):
         try:
-            return ctypes.CDLL(path)
+            loaded = ctypes.CDLL(path)
+            break
         except OSError as error:
             reason = error
-    raise ImportError(f"the library of the bus cannot be loaded: {reason}")
+    else:
+        raise ImportError(f"{name} cannot be loaded: {reason}")
+    for function, (result, arguments) in signatures.items():
+        entry = getattr(loaded, prefix + function)
+        entry.restype, entry.argtypes = result, arguments
+    return loaded
 
 
 _NAMES = POINTER(c_char_p)
@@ -101,10 +111,7 @@ _SIGNATURES = {
     "watch_close": (None, [c_void_p]),
 }
 
-library = _load()
-for _function, (_result, _arguments) in _SIGNATURES.items():
-    _entry = getattr(library, "kelbus_" + _function)
-    _entry.restype, _entry.argtypes = _result, _arguments
+library = load("libkelbus.so.0", "kelbus_", _SIGNATURES)
 
 
 def text(raw: bytes | None) -> str:

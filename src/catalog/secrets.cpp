@@ -44,6 +44,10 @@ bool secretByName(std::string_view name) {
     return holdsWord(name, [](char a, char b) { return lowered(a) == b; });
 }
 
+bool isSecret(std::string_view name, std::string_view type) {
+    return type == kType || secretByName(name);
+}
+
 bool cutWhenStored(std::string_view name, std::string_view value) {
     return value.find('=') != std::string_view::npos &&
            holdsWord(name, [](char a, char b) { return a == b; });

@@ -15,6 +15,7 @@ namespace kelconf {
 extern const std::string_view kStars;
 
 bool secretByName(std::string_view name);
+bool isSecret(std::string_view name, std::string_view type);
 
 // True when the value will not come back whole: the service stores a password scrambled, which cuts
 // it at its first "=".

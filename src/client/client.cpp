@@ -57,6 +57,8 @@ const char* kelbus_strerror(kelbus_error error) {
         return "bad argument";
     case KELBUS_NO_MEMORY:
         return "out of memory or descriptors";
+    case KELBUS_NO_CATALOG:
+        return "the factory defaults cannot be read";
     }
     return "unknown error";
 }

@@ -20,6 +20,8 @@ flags() { pkg-config "$@" kelbus; }
     cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$project/examples/get_set.c" -o "$work/shared" \
         $(flags --cflags --libs)
     g++ -std=c++20 "$project/examples/watch.cpp" -o "$work/watch" $(flags --cflags --libs)
+    cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$project/examples/set_checked.c" -o "$work/checked" \
+        $(flags --cflags --libs) $(pkg-config --cflags --libs kelbus-catalog)
     cc -std=c11 "$project/examples/get_set.c" -o "$work/static" $(flags --cflags) \
         "$(find "$prefix" -name libkelbus.a)" $(pkg-config --libs libzmq libxml-2.0) -lstdc++ -pthread
 }
@@ -27,14 +29,15 @@ cmake -S "$project/examples" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" >>"$
 cmake --build "$work/build" >>"$work/log"
 
 lib=$(dirname "$(find "$prefix" -name libkelbus.so)")
-for program in "$work/shared" "$work/static" "$work/build/kelbus-get-set"; do
-    said=$(LD_LIBRARY_PATH=$lib "$program" no.such 2>&1) && exit 1
+for program in "$work/shared" "$work/static" "$work/checked" "$work/build/kelbus-get-set"; do
+    said=$(LD_LIBRARY_PATH=$lib "$program" no.such 1 2>&1) && exit 1
     case $said in
-        get_set:*) echo "ok: ${program##*/}: $said" ;;
+        get_set:* | set_checked:*) echo "ok: ${program##*/}: $said" ;;
         *) echo "FAILED: $program: $said" && exit 1 ;;
     esac
 done
-foreign=$(nm -D --defined-only "$lib/libkelbus.so" | grep -v ' kelbus_\| KELBUS_' || true)
+foreign=$(nm -D --defined-only "$lib"/libkelbus*.so | grep -v ' kelbus_\| KELBUS_\|^$\|:$' || true)
+ldd "$lib/libkelbus.so" | grep sqlite && foreign="SQLite behind libkelbus"
 [ -z "$foreign" ] || { echo "FAILED: symbols that are not ours: $foreign"; exit 1; }
 
 # What programs are linked against today stays under the version that they know.

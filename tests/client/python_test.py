@@ -156,6 +156,29 @@ class Values(OnBus):
         self.assertEqual((bus["cam.a"], bus["cam.b"]), ("1", "-7"))
 
 
+class Factory(unittest.TestCase):
+    def test_gives_default_and_rule(self) -> None:
+        for stored in pathlib.Path("/mnt").glob("*/conf/*"):
+            stored.unlink()
+        pathlib.Path("/etc/neutral_tree.xml").write_text(
+            """<t><cam type="trunk"><port type="int" range="1,65535" step="1" http_access="rw">80</port>
+            <key type="password">k</key><state type="realtime"/></cam></t>""")
+        catalog = kelbus.Catalog()
+        self.assertRaisesRegex(kelbus.NoCatalog, "missing", catalog.find, "cam.port")
+        subprocess.run(["kelconf-init"], check=True)
+        self.assertEqual(catalog["cam.port"], ("cam.port", "80", "int", "1,65535", "1", "", "rw", False, False))
+        kinds = [(catalog[name].is_secret, catalog[name].is_state) for name in ("cam.key", "cam.state")]
+        self.assertEqual(kinds, [(True, False), (False, True)])
+        catalog.check("cam.port", 8080)
+        for value in (0, "x"):
+            self.assertRaisesRegex(ValueError, '"cam.port": must be', catalog.check, "cam.port", value)
+        self.assertRaisesRegex(KeyError, '"no"', catalog.check, "no", 1)
+        self.assertEqual(("no" in catalog, "cam.key" in catalog), (False, True))
+        with open("/mnt/nand/conf/default.db", "r+b") as defaults:
+            defaults.truncate(4096)
+        self.assertRaisesRegex(OSError, "damaged", kelbus.Catalog().find, "cam.port")
+
+
 class BadDays(OnBus):
     def test_are_told_and_survived(self) -> None:
         bus, hasty = self.bus, kelbus.Client(timeout=0.05)

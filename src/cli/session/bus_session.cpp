@@ -37,6 +37,7 @@ int exitStatus(kelbus_error error) {
         return kUsage;
     case KELBUS_BROKEN_REPLY:
     case KELBUS_NO_MEMORY:
+    case KELBUS_NO_CATALOG:
         break;
     }
     return kBroken;
