@@ -6,6 +6,9 @@
 #include "turns.h"
 
 #include <kelbus.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -72,6 +75,58 @@ void getAllByLibrary(const Client& client) {
     kelbus_values_free(values);
 }
 
+// Python with a client of its own, which gets the value as often as it is told.
+class Python {
+  public:
+    Python() {
+        int ends[2] = {-1, -1};
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+            giveUp("no socket");
+        }
+        process_ = fork();
+        if (process_ == 0) {
+            dup2(ends[1], STDIN_FILENO);
+            dup2(ends[1], STDOUT_FILENO);
+            execlp("python3", "python3", "-c",
+                   "import sys, kelbus\n"
+                   "bus = kelbus.Client(timeout=60)\n"
+                   "for line in sys.stdin:\n"
+                   "    for _ in range(int(line)): bus.get(sys.argv[1])\n"
+                   "    print(flush=True)\n",
+                   kName, nullptr);
+            _exit(127);
+        }
+        close(ends[1]);
+        stream_ = ends[0];
+    }
+    ~Python() {
+        close(stream_);
+        waitpid(process_, nullptr, 0);
+    }
+    Python(const Python&) = delete;
+    Python& operator=(const Python&) = delete;
+    Python(Python&&) = delete;
+    Python& operator=(Python&&) = delete;
+
+    void get(int count) const {
+        const std::string order = std::to_string(count) + "\n";
+        char done = 0;
+        if (write(stream_, order.data(), order.size()) < 0 || read(stream_, &done, 1) != 1) {
+            giveUp("Python does not get its value");
+        }
+    }
+
+  private:
+    pid_t process_ = -1;
+    int stream_ = -1;
+};
+
+void getManyByLibrary(const Client& client, int count) {
+    for (int i = 0; i < count; ++i) {
+        getByLibrary(client);
+    }
+}
+
 struct Contest {
     const char* title;
     std::vector<Rival> rivals; // what is measured, then its yardstick
@@ -91,6 +146,9 @@ void playAll(const std::string& programs, int rounds) {
     BusClient get{kGet};
     BusClient all{kGetAll};
     const std::string request = getRequest({kName});
+    constexpr int kGets = 1000; // of Python at an order
+    const Python python;
+    python.get(1); // it has started then
     const std::vector<std::string> kelctl{programs + "/kelctl", "get", kName};
     const std::vector<std::string> list{programs + "/kelctl", "list"};
     const std::vector<std::string> bare{programs + "/bare_request", kGet, request};
@@ -99,6 +157,11 @@ void playAll(const std::string& programs, int rounds) {
          {{nullptr, [&] { getByLibrary(client); }}, {nullptr, [&] { get.ask(request); }}},
          2000,
          "<= 1.05"},
+        {"Python, 1,000 gets of one name, over as many C calls",
+         {{nullptr, [&] { python.get(kGets); }},
+          {nullptr, [&] { getManyByLibrary(client, kGets); }}},
+         1,
+         "<= 2"},
         {"libkelbus, all parameters, over a bare request",
          {{nullptr, [&] { getAllByLibrary(client); }}, {nullptr, [&] { all.ask(kGetAllRequest); }}},
          5,
