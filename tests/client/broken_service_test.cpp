@@ -62,7 +62,7 @@ class FakeService {
 std::string asked(const BusSession& bus, const std::function<void()>& service, int limit = kLimit,
                   const std::vector<const char*>& names = {"n"}) {
     std::thread other{service};
-    std::string answer = bus.many(names, limit);
+    std::string answer = many(bus, names, limit);
     other.join();
     return answer;
 }
@@ -70,7 +70,7 @@ std::string asked(const BusSession& bus, const std::function<void()>& service, i
 TEST(BrokenService, IsToldFromAGoodOne) {
     const std::string whole = valueReply("v");
     FakeService service;
-    const BusSession bus;
+    const BusSession bus = openBus();
     const auto told = [&](const std::string& reply) {
         return asked(bus, [&] { service.answer(reply); });
     };
@@ -97,13 +97,13 @@ TEST(BrokenService, IsToldFromAGoodOne) {
 // An answer that comes after the limit must not be taken for that of the next request.
 TEST(BrokenService, MayAnswerTooLate) {
     FakeService service;
-    const BusSession bus;
+    const BusSession bus = openBus();
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(bus.many({"n"}, 120), "-timeout");
+    EXPECT_EQ(many(bus, {"n"}, 120), "-timeout");
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds{120});
     const auto late = [&] { service.answer(valueReply("late")), service.answer(valueReply("v")); };
     EXPECT_EQ(asked(bus, late), "n=v;");
-    EXPECT_EQ(bus.many({"n"}, 0), "-timeout");
+    EXPECT_EQ(many(bus, {"n"}, 0), "-timeout");
 }
 
 // One unknown name among 64 empty values, by a service that takes its time: the search halves, and
@@ -118,7 +118,7 @@ TEST(BrokenService, IsAskedAgainForUnknownNamesWithinTheLimit) {
         answer += text + (text == "n142" ? "?" : "=;");
     }
     FakeService service;
-    const BusSession bus;
+    const BusSession bus = openBus();
     const auto serve = [&](int pause) {
         for (int i = 0; i < 13; ++i) { // the first, and two for each halving
             std::string reply = service.take(pause == 0 ? kLimit : 500);
@@ -152,7 +152,7 @@ TEST(BrokenService, MayEndBeforeItAnswers) {
                     service.emplace();
                 }
             };
-            EXPECT_EQ(asked(BusSession{}, end, limit), "-absent");
+            EXPECT_EQ(asked(openBus(), end, limit), "-absent");
         }
     }
 }

@@ -1,6 +1,6 @@
 """libkelbus with the real service, by the module kelbus, in a device root.
 
-Programs and library are those of KELCONF_BUILD; what needs the thread sanitizer is in client_test.cpp.
+Programs and library are those of KELCONF_BUILD; client_test.cpp is for the sanitizers.
 """
 
 import asyncio
@@ -8,8 +8,9 @@ import ctypes
 import locale
 import os
 import pathlib
-import select
+import re
 import signal
+import sqlite3
 import subprocess
 import sys
 import threading
@@ -23,6 +24,7 @@ from kelbus._library import library
 TREE = """<t><cam type="trunk"><a type="string">1</a><b type="string"/></cam>
 <camera type="trunk"><a type="string">2</a><ab type="string">3</ab></camera></t>"""
 ALL = {"cam.a": "1", "cam.b": "", "camera.a": "2", "camera.ab": "3"}
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = 60  # s, 60,000 ms in C: the guard against a hang
 
 
@@ -104,12 +106,10 @@ class Values(OnBus):
         self.assertRaisesRegex(kelbus.BadArgument, "name is empty", self.bus.get, "")
         self.assertEqual(self.bus["cam.b"], "")
 
-    def c_value(self, word: str, kind: type) -> object:
-        """By kelbus_get_WORD."""
-        value = kind(7)
-        get = getattr(library, f"kelbus_get_{word}")
-        code = get(self.bus._pointer, b"cam.a", ctypes.byref(value), LIMIT * 1000)
-        return value.value if code == 0 else self.bus._error(code)
+    def by_c(self, verb: str, *arguments: object) -> int:
+        """kelbus_VERB of cam.a."""
+        call = getattr(library, "kelbus_" + verb)
+        return call(self.bus._pointer, b"cam.a", *arguments, LIMIT * 1000)
 
     def test_have_types_in_every_locale(self) -> None:
         pathlib.Path("/tmp/comma").write_text('LC_NUMERIC\ndecimal_point "<U002C>"\n'
@@ -120,40 +120,43 @@ class Values(OnBus):
         locale.setlocale(locale.LC_NUMERIC, "xx")
         self.assertEqual(locale.localeconv()["decimal_point"], ",")
         bus = self.bus
-        words = {"bool": "is neither 0 nor 1", "int64": "is no whole number", "double": "is no number"}
+        kinds = [("bool", ctypes.c_bool, bus.get_bool, "is neither 0 nor 1"),
+                 ("int64", ctypes.c_int64, bus.get_int, "is no whole number"),
+                 ("double", ctypes.c_double, bus.get_float, "is no number")]
         scenes = [("0", False, 0, 0.0), ("1", True, 1, 1.0), ("-007", None, -7, -7.0),
                   ("2.5", None, None, 2.5), ("25e-1", None, None, 2.5)]
         scenes += [(text, None, None, None) for text in
                    ("", "2,5", " 1", "1 ", "+1", "1_0", "0x10", "inf", "nan", "true")]
         for text, *expected in scenes:
             bus["cam.a"] = text
-            kinds = [("bool", ctypes.c_bool, bus.get_bool), ("int64", ctypes.c_int64, bus.get_int),
-                     ("double", ctypes.c_double, bus.get_float)]
-            for (word, kind, get), value in zip(kinds, expected):
+            for (word, kind, get, wrong), value in zip(kinds, expected):
                 with self.subTest(text=text, type=word):
-                    by_c = self.c_value(word, kind)
+                    place = kind(7)
+                    code = self.by_c("get_" + word, ctypes.byref(place))
                     if value is not None:
-                        self.assertEqual((by_c, get("cam.a")), (value, value))
+                        self.assertEqual((code, place.value, get("cam.a")), (c.OK, value, value))
                         continue
-                    self.assertEqual(str(by_c), f'"cam.a": the value {words[word]}')
-                    self.assertRaisesRegex(ValueError, str(by_c), get, "cam.a")
-        for text, word, kind in (("1e999", "double", ctypes.c_double), (str(2**63), "int64", ctypes.c_int64)):
+                    self.assertEqual((code, place.value), (6, kind(7).value))  # left alone
+                    self.assertEqual(str(bus._error(code)), f'"cam.a": the value {wrong}')
+                    self.assertRaisesRegex(ValueError, wrong, get, "cam.a")
+        for text, verb in (("1e999", "get_double"), (str(2**63), "get_int64")):
             bus["cam.a"] = text
-            self.assertIn("does not fit", str(self.c_value(word, kind)))
+            code = self.by_c(verb, ctypes.byref(ctypes.c_int64()))
+            self.assertIn("fit into 64 bits", str(bus._error(code)))
         for value in (0.1, 3.0, -1e22, -1e-7, sys.float_info.max, -sys.float_info.min / 3):
-            for put in (lambda: bus.set("cam.a", value), lambda: library.kelbus_set_double(
-                    bus._pointer, b"cam.a", ctypes.c_double(value), 0, LIMIT * 1000)):
+            for put in (lambda: bus.set("cam.a", value),
+                        lambda: self.by_c("set_double", ctypes.c_double(value), 0)):
                 put()
                 self.assertRegex(bus["cam.a"], r"^-?[0-9]+(\.[0-9]+)?$")
-                self.assertEqual((self.c_value("double", ctypes.c_double), bus.get_float("cam.a")),
-                                 (value, value))
+                self.assertEqual(bus.get_float("cam.a"), value)
         self.assertRaisesRegex(ValueError, "finite", bus.set, "cam.a", float("inf"))
-        self.assertEqual(library.kelbus_set_double(bus._pointer, b"cam.a", ctypes.c_double(float("nan")), 0, 0), 6)
-        library.kelbus_set_int64(bus._pointer, b"cam.a", ctypes.c_int64(-2**63), 0, LIMIT * 1000)
-        library.kelbus_set_bool(bus._pointer, b"cam.b", ctypes.c_bool(True), 0, LIMIT * 1000)
-        self.assertEqual((bus["cam.a"], bus["cam.b"]), (str(-2**63), "1"))
-        bus.set_many({"cam.a": True, "cam.b": -7})
-        self.assertEqual((bus["cam.a"], bus["cam.b"]), ("1", "-7"))
+        self.assertEqual(self.by_c("set_double", ctypes.c_double(float("nan")), 0), 6)
+        for put, text in ((lambda: self.by_c("set_int64", ctypes.c_int64(-2**63), 0), str(-2**63)),
+                          (lambda: self.by_c("set_bool", ctypes.c_bool(True), 0), "1"),
+                          (lambda: bus.set("cam.a", False), "0"),
+                          (lambda: bus.set("cam.a", -7), "-7")):
+            put()
+            self.assertEqual(bus["cam.a"], text)
 
 
 class Factory(unittest.TestCase):
@@ -161,22 +164,57 @@ class Factory(unittest.TestCase):
         for stored in pathlib.Path("/mnt").glob("*/conf/*"):
             stored.unlink()
         pathlib.Path("/etc/neutral_tree.xml").write_text(
-            """<t><cam type="trunk"><port type="int" range="1,65535" step="1" http_access="rw">80</port>
+            """<t><cam type="trunk">
+            <port type="int" range="1,65535" step="1" http_access="rw">80</port>
             <key type="password">k</key><state type="realtime"/></cam></t>""")
         catalog = kelbus.Catalog()
         self.assertRaisesRegex(kelbus.NoCatalog, "missing", catalog.find, "cam.port")
         subprocess.run(["kelconf-init"], check=True)
-        self.assertEqual(catalog["cam.port"], ("cam.port", "80", "int", "1,65535", "1", "", "rw", False, False))
-        kinds = [(catalog[name].is_secret, catalog[name].is_state) for name in ("cam.key", "cam.state")]
-        self.assertEqual(kinds, [(True, False), (False, True)])
+        port, key, state = (catalog["cam." + leaf] for leaf in ("port", "key", "state"))
+        self.assertEqual(port[1:], ("80", "int", "1,65535", "1", "", "rw", False, False))
+        self.assertEqual((key[1], *key[-2:], *state[-2:]), ("k", True, False, False, True))
         catalog.check("cam.port", 8080)
         for value in (0, "x"):
-            self.assertRaisesRegex(ValueError, '"cam.port": must be', catalog.check, "cam.port", value)
+            self.assertRaisesRegex(ValueError, '"cam.port": must', catalog.check, "cam.port", value)
         self.assertRaisesRegex(KeyError, '"no"', catalog.check, "no", 1)
         self.assertEqual(("no" in catalog, "cam.key" in catalog), (False, True))
         with open("/mnt/nand/conf/default.db", "r+b") as defaults:
             defaults.truncate(4096)
         self.assertRaisesRegex(OSError, "damaged", kelbus.Catalog().find, "cam.port")
+
+
+class Examples(unittest.TestCase):
+    """The example trees and README's session, as somebody new meets them."""
+
+    def test_are_live_and_answer_readmes_session(self) -> None:
+        for stored in pathlib.Path("/mnt").glob("*/conf/*"):
+            stored.unlink()
+        for tree in PROJECT.glob("examples/*_tree.xml"):
+            pathlib.Path("/etc", tree.name).write_bytes(tree.read_bytes())
+        self.addCleanup(pathlib.Path("/etc/ext_tree.xml").unlink)
+        console = pathlib.Path("/var/log/console")
+        before = console.stat().st_size
+        subprocess.run(["kelconf-init"], check=True)
+        service = Service()
+        self.addCleanup(service.end)
+        while b"kelconfd ready" not in (log := console.read_bytes()[before:]):
+            time.sleep(0.01)
+        self.assertNotIn(b"error", log)
+        with kelbus.Client() as bus, sqlite3.connect("/mnt/nand/conf/default.db") as defaults:
+            rows = dict(defaults.execute("SELECT NAME, TYPE FROM CONFIGDEFAULT"))
+            factory_only = {name for name in rows if name.startswith("ipcam.")}
+            self.assertIn(len(factory_only), range(1, 6))
+            self.assertEqual(set(bus.list()), set(rows) - factory_only)
+        secrets = [name for name in rows if rows[name] == "password" or "password" in name.lower()]
+        self.assertGreater(len(secrets), 20)
+        self.assertEqual([name for name in secrets if "passwd" not in name.lower()], [])
+        commands = re.findall("^device# (kelctl .*)", (PROJECT / "README.md").read_text(), re.M)
+        self.assertGreater(len(commands), 5)
+        for command in commands:  # a question is answered beforehand
+            asks = " --yes" if command.startswith("kelctl reset") else ""
+            result = subprocess.run(["sh", "-c", command + asks], stdin=subprocess.DEVNULL,
+                                    capture_output=True, check=False)
+            self.assertEqual(result.returncode, int("kelctl diff" in command), (command, result))
 
 
 class BadDays(OnBus):
@@ -256,17 +294,20 @@ class Watches(OnBus):
                 self.service.end()
                 self.assertIsNone(gaps.next(0.01))
                 self.service = Service()
-                self.assertEqual([tell(gaps), tell(one), tell(one)], [gap, gap, ("cam.b", "", None)])
+                b = ("cam.b", "", None)
+                self.assertEqual([tell(gaps), tell(one), tell(one)], [gap, gap, b])
                 time.sleep(0.3)  # likely long enough for:
                 if (first := tell(values)) != gap:  # not connected yet
                     self.assertEqual([first, tell(values)], [("cam.a", "9", "3"), gap])
-                self.assertEqual([tell(values), tell(values)], [("cam.a", "1", None), ("cam.b", "", None)])
+                self.assertEqual([tell(values), tell(values)], [("cam.a", "1", None), b])
                 self.bus.set("cam.a", "4", kelbus.Kind.NO_DB)
                 self.assertEqual([tell(values), tell(gaps)], [("cam.a", "4", "1")] * 2)
-        self.assertEqual(library.kelbus_watch_open_with(ctypes.byref(ctypes.c_void_p()), None, 0, 4), 6)
+        none = ctypes.byref(ctypes.c_void_p())
+        self.assertEqual(library.kelbus_watch_open_with(none, None, 0, 4), 6)
 
     def test_tell_the_changes_of_their_prefixes_in_order(self) -> None:
-        few, many = iter(kelbus.Watch("cam.a", "camera")), [kelbus.Watch("cam.a") for _ in range(1000)]
+        few = iter(kelbus.Watch("cam.a", "camera"))
+        many = [kelbus.Watch("cam.a") for _ in range(1000)]
         self.bus.set_many({"cam.b": "<&>", "camera.ab": "€", "cam.a": ""}, kelbus.Kind.DIRECT)
         self.assertEqual([next(few), next(few)], [("camera.ab", "€", "3"), ("cam.a", "", "1")])
         self.assertEqual({watch.next(LIMIT) for watch in many}, {("cam.a", "", "1")})
@@ -278,7 +319,7 @@ class Watches(OnBus):
         setter.join()
 
     def test_see_the_first_change_after_they_were_opened(self) -> None:
-        for i in range(20):  # an event just before must not hide the subscription from the publisher
+        for i in range(20):  # an event just before must not hide the new subscription
             self.bus.set("cam.b", i, kelbus.Kind.NO_DB)
             with kelbus.Watch("cam.a") as watch:
                 self.bus.set("cam.a", i, kelbus.Kind.NO_DB)
@@ -309,67 +350,39 @@ class Watches(OnBus):
 
 
 class Requests(OnBus):
-    def finished(self, request: object) -> tuple:
-        """As an event loop does it: a look, then the descriptor."""
-        source = select.poll()
-        source.register(request.fileno(), select.POLLIN)
-        while (answer := request.finish(0)) is None:
-            self.assertTrue(source.poll(LIMIT * 1000), "the descriptor is silent")
-        return (*answer, str(request.error)) if request.error else tuple(answer)
-
-    def test_fit_an_event_loop(self) -> None:
-        bus, known, partly = self.bus, {"cam.b": "new"}, {"cam.a": "new", "z": ""}
-        some, listed = bus._start_get(("x", "cam.b", "y", "cam.a")), bus._start_list("camera.ab")
-        one, given_up = bus._start_get(("cam.a",)), bus._start_get(("x",))
-        given_up.cancel()
-        self.assertEqual(bus["cam.a"], "1")  # others may come between
-        self.assertEqual(self.finished(listed), (("camera.ab", "3"),))
-        self.assertEqual(self.finished(one), (("cam.a", "1"),))
-        self.assertEqual(self.finished(some), (("x", None), ("cam.b", ""), ("y", None), ("cam.a", "1"),
-                                               'no parameter has the name "x"'))
-        puts = [bus._start_set(values, kelbus.Kind.DIRECT) for values in (known, partly)]
-        self.assertEqual(self.finished(puts[1]), ('no parameter has the name "z"',))
-        self.assertEqual(self.finished(puts[0]), ())
-        self.assertEqual(bus.list("cam."), {"cam.a": "new", "cam.b": "new"})
-        one = bus._start_get(("cam.a",))
-        self.service.freeze()
-        listed = bus._start_list("")
-        self.assertIsNone(listed.finish(10))
-        killer = threading.Timer(0.05, self.service.end, (signal.SIGKILL,))  # while it is polled
-        killer.start()
-        self.assertIn("ended before it answered", self.finished(listed)[0])
-        killer.join()
-        one.cancel()
-        self.assertRaises(kelbus.NoService, bus._start_list, "")
-
-    def test_run_side_by_side_in_asyncio(self) -> None:
+    def test_run_side_by_side_beside_other_work(self) -> None:
+        """A look, then the descriptor: as every event loop does it."""
         async def run() -> None:
             async with kelbus.AsyncClient(timeout=LIMIT) as bus:
+                with self.assertRaisesRegex(kelbus.UnknownName, '"z"'):
+                    await bus.set_many({"cam.b": "new", "z": ""}, kelbus.Kind.DIRECT)
+                some = ("x", "cam.b", "y", "cam.a")
                 answers = await asyncio.gather(*(bus.get(name) for name in ALL), bus.list("cam."),
-                                               bus.group("camera.a"))
-                self.assertEqual(answers[:4], list(ALL.values()))
-                self.assertEqual(answers[4:], [{"cam.a": "1", "cam.b": ""},
-                                               {"camera.a": "2", "camera.ab": "3"}])
-                with self.assertRaises(kelbus.UnknownName):
-                    await bus.set("x", "")
+                                               bus.group("camera.a"), bus.get_many(some))
+                self.assertEqual(answers[:4], ["1", "new", "2", "3"])
+                self.assertEqual(answers[4:6], [{"cam.a": "1", "cam.b": "new"},
+                                                {"camera.a": "2", "camera.ab": "3"}])
+                self.assertEqual(answers[6], {"x": None, "cam.b": "new", "y": None, "cam.a": "1"})
                 with kelbus.Watch("cam.a") as watch:
                     await bus.set("cam.a", 5)
                     async for change in watch:
                         self.assertEqual(change, ("cam.a", "5", "1"))
                         break
+                given_up = asyncio.ensure_future(bus.get("cam.a"))
+                await asyncio.sleep(0)  # it is begun
+                given_up.cancel()
+                self.assertEqual(await bus.get("cam.b"), "new")
                 self.service.freeze()
                 bus.timeout = 0.05
                 with self.assertRaises(kelbus.Timeout):
                     await bus.get("cam.a")
                 bus.timeout = None
-                tasks = [asyncio.ensure_future(bus.get("cam.a")) for _ in range(2)]
-                await asyncio.sleep(0.01)
-                tasks[0].cancel()
-                with self.assertRaises(asyncio.CancelledError):
-                    await tasks[0]
+                waiting = asyncio.ensure_future(bus.list())
+                await asyncio.sleep(0.05)
                 self.service.end(signal.SIGKILL)
-                with self.assertRaises(kelbus.NoService):
-                    await tasks[1]
+                for request in (waiting, bus.get("cam.a")):
+                    with self.assertRaises(kelbus.NoService):
+                        await request
 
         asyncio.run(run())
 
