@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import select
 import threading
 import time
@@ -13,7 +14,7 @@ from . import _library as c
 from ._client import readable
 from ._library import library
 
-_LOOK_MS = 1000  # between two looks for a service that keeps this program out
+_LOOK = 1.0  # seconds between two looks for a service that keeps this program out
 
 
 class Change(NamedTuple):
@@ -84,9 +85,8 @@ class Watch:
             if left is not None and left <= 0:
                 return None
             # Waiting here, not in the library, leaves Ctrl-C its effect.
-            most = None if self._heard else _LOOK_MS
-            wait = most if left is None else min(left * 1000 + 1, most or left * 1000 + 1)
-            source.poll(wait)
+            waits = [wait for wait in (left, self._look_again()) if wait is not None]
+            source.poll(min(waits) * 1000 + 1 if waits else None)
         return change
 
     def __iter__(self) -> Iterator[Change]:
@@ -97,8 +97,15 @@ class Watch:
         while True:
             if (change := self._take()) is not None:
                 yield change
-            else:
-                await readable(self.fileno())
+                continue
+            try:
+                await asyncio.wait_for(readable(self.fileno()), self._look_again())
+            except asyncio.TimeoutError:
+                pass
+
+    def _look_again(self) -> float | None:
+        """Seconds until the library is to look whether a service has come that keeps us out."""
+        return None if self._heard else _LOOK
 
     def _handle(self) -> c_void_p:
         if not self._pointer:

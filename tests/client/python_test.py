@@ -244,7 +244,14 @@ class BadDays(OnBus):
         self.service.end()
         early, values = kelbus.Watch(), kelbus.Watch("cam.a", values=True)
         self.assertEqual((early.next(0.01), values.next(0.01)), (None, None))
-        os.chmod("/tmp/kelbus", 0)
+
+        async def wait() -> None:
+            change = asyncio.ensure_future(early.__aiter__().__anext__())
+            await asyncio.sleep(0.05)  # it waits
+            os.chmod("/tmp/kelbus", 0)
+            await asyncio.wait_for(change, 10)
+
+        self.assertRaises(kelbus.Refused, asyncio.run, wait())
         self.assertRaises(kelbus.Refused, early.next, LIMIT)
         os.chmod("/tmp/kelbus", 0o700)
         self.service = Service()
