@@ -1,5 +1,6 @@
 // The builders of bus/bus_xml.h.
 #include "bus/bus_xml.h"
+#include "bus/xml_dump.h"
 #include "bus/xml_writer.h"
 #include "service/param_list.h"
 #include "service/request_lists.h"

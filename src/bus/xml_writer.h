@@ -5,14 +5,13 @@
 // character outside ASCII as a hexadecimal reference. That holds for well-formed text. For text
 // that is none (invalid UTF-8, characters that XML excludes) libxml2 truncates or re-encodes in
 // ways that depend on its buffers; the writer then says so, and the document has to be made by
-// libxml2 itself (dumpWithLibrary).
+// libxml2 itself (bus/xml_dump.h).
 #pragma once
 
 #include "text/text.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 
 namespace kelconf {
 
@@ -51,13 +50,5 @@ class XmlWriter {
     bool failed_ = false;
     bool has_children_ = false;
 };
-
-// Calls its argument for each parameter of a document, in order, as long as that returns true.
-using ParameterSink = std::function<bool(const BusParameter&)>;
-
-// Counterpart of XmlWriter for any text: builds the document with libxml2 and dumps it. `walk`
-// feeds the sink. Null with length 0 when libxml2 gives nothing. Release with free.
-char* dumpWithLibrary(const char* root, const std::function<void(const ParameterSink&)>& walk,
-                      std::int32_t* length);
 
 } // namespace kelconf

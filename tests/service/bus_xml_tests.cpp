@@ -2,6 +2,7 @@
 // the parsers make of good and of hostile requests.
 
 #include "bus/bus_xml.h"
+#include "bus/xml_dump.h"
 #include "bus/xml_writer.h"
 #include "live_values.h"
 #include "service/request_lists.h"
