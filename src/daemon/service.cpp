@@ -6,6 +6,7 @@
 #include "bus/request_loops.h"
 #include "daemon/watchdog.h"
 #include "db/update_retries.h"
+#include "live/backup_pace.h"
 #include "live/live.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"
@@ -48,8 +49,12 @@ bool isTrue(bool value) {
 Watched<bool> upkeep_ended;
 
 void runUpkeep() {
+    BackupPace pace;
     while (!upkeep_ended.awaitFor(std::chrono::seconds{kUpkeepPeriod}, isTrue)) {
-        tendLiveStore();
+        const auto now = std::chrono::steady_clock::now();
+        if (tendLiveStore(pace.due(now))) {
+            pace.noteTaken(now);
+        }
     }
 }
 
@@ -156,7 +161,7 @@ void stopService() {
         join(threads[kUpkeep]);
     }
     endUpdateRetries();
-    tendLiveStore();
+    tendLiveStore(true);
     reportUnstored();
     closeEventSocket(kEventLinger);
     shutdownBusContext();

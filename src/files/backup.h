@@ -29,9 +29,12 @@ class [[nodiscard]] BackupSection {
 // Starts a detached thread. 0, or the error number. Nobody waits for it or gets its id.
 std::int32_t CreateThread(void* (*routine)(void*), void* argument);
 
-// Copies a file byte for byte onto `destination`, which is made (mode 0640) or emptied first and
-// flushed at the end. -1 when the source is missing (the destination is not touched) or the
-// destination cannot be opened. Otherwise 0, also when a read or a write failed on the way.
+// Makes `destination` (mode 0640 when new) the same as the source, byte for byte and of its length,
+// and flushes it once. Only blocks of 4 KiB that differ are written: a copy of a file that changed
+// little costs little flash. Cut short on its way, the destination is a mixture of both files,
+// which the sidecar of neither matches. -1 when the source is missing (the destination is not
+// touched) or the destination cannot be opened. Otherwise 0, also when a read or a write failed on
+// the way; the destination then ends about there.
 std::int32_t copyFile(const char* source, const char* destination);
 
 // The live database onto its backup; the result of copyFile.

@@ -71,7 +71,7 @@ void connectLiveStore() {
                 .endMemoryOnly = endMemoryOnly});
 }
 
-void tendLiveStore() {
+bool tendLiveStore(bool backup_due) {
     {
         std::optional<GetAllCriticalSection> requests; // the listings read the switch under it
         if (!passwordsSettled()) {
@@ -79,10 +79,12 @@ void tendLiveStore() {
         }
         tendFile();
     }
-    if (backup_pending != 0 && readyForBackup()) {
-        createBackupDBTask();
-        protectStoredFiles();
+    if (!backup_due || backup_pending == 0 || !readyForBackup()) {
+        return false;
     }
+    createBackupDBTask();
+    protectStoredFiles();
+    return true;
 }
 
 void reportUnstored() {

@@ -11,8 +11,8 @@
 //   changes  a write-back pass stores its rows in one transaction and seals the file
 //            (live/table.h); its sync puts all of it on disk before the answer goes out.
 //   upkeep   tendLiveStore makes a file anew that was lost under the service (live/renewal.h),
-//            stores what could not be stored, and takes the backup of a file that was compared
-//            with memory, row by row.
+//            stores what could not be stored, and takes the backup, at its own pace
+//            (live/backup_pace.h), of a file that was compared with memory, row by row.
 //
 // What makes it safe, whatever a power failure keeps of the writes that were not flushed:
 //   1. Every transaction finds the file sealed, and the seal on disk. So there is never more than
@@ -35,9 +35,10 @@ namespace kelconf {
 // Lets the service store its changes here (service/storage.h). Before its threads start.
 void connectLiveStore();
 
-// One round of upkeep. Takes the get-all lock where passwords are to be stored anew, the parameter
-// lock and backup_mutex. At next to no cost when there is nothing to do.
-void tendLiveStore();
+// One round of upkeep; where a backup is pending and `backup_due`, it is taken. True when it was.
+// Takes the get-all lock where passwords are to be stored anew, the parameter lock and
+// backup_mutex. At next to no cost when there is nothing to do.
+bool tendLiveStore(bool backup_due);
 
 // Logs how many changes are lost with the process. Takes the parameter lock.
 void reportUnstored();

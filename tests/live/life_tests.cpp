@@ -47,7 +47,7 @@ class Life : public testing::Test {
         support_campass = 1;
         start();
         setDirect({{"p.word", "backed-up"}});
-        tendLiveStore();
+        tendLiveStore(true);
         ASSERT_EQ(backup_pending, 0);
         older = flashNow();
         older_journal = tornByTransaction()[paths::kLiveDbJournal];
@@ -151,7 +151,7 @@ TEST_F(Life, NewNamesAreServedWhileTheFileIsLockedAndStoredLater) {
         start();
         EXPECT_EQ(live("p.word") + live("p.added"), "newernew");
     }
-    tendLiveStore();
+    tendLiveStore(true);
     EXPECT_EQ(stored("p.word") + stored("p.added"), "newernew");
 }
 
@@ -185,7 +185,7 @@ TEST_F(Life, OnlyAFileThatHoldsMemoryIsBackedUp) {
     for (const auto& [from, to] : rots) {
         rot(from, to);
         setDirect({{"p.filler199", from}}); // sealed with what has rotted
-        tendLiveStore();
+        tendLiveStore(true);
         EXPECT_EQ(storedIn(paths::kBackupDb, "p.word"), "newer");
         EXPECT_EQ(storedIn(paths::kBackupDb, "p.filler199"), from);
         EXPECT_EQ(readFile(paths::kBackupDb), readFile(paths::kLiveDb));
@@ -205,7 +205,7 @@ TEST_F(Life, WhatIsInMemoryOnlyIsNeverStored) {
     EXPECT_EQ(live("p.word") + live("p.filler1"), "passedpassing");
     setDirect({{"p.word", "kept"}});
     std::filesystem::remove(paths::kLiveDb);
-    tendLiveStore();
+    tendLiveStore(true);
     EXPECT_EQ(stored("p.word"), "kept");
 }
 
@@ -242,10 +242,10 @@ TEST_F(Life, TheFirstRefusedRowGetsTenAttemptsTheOthersOne) {
             setDirect(values);
             EXPECT_EQ(timesIn(logged(), "SQL error: "), rows == 1 ? 10 : 1 + 10 + rows - 1)
                 << "the transaction counts as one";
-            tendLiveStore();
+            tendLiveStore(true);
             EXPECT_EQ(pauses, 10) << "the upkeep asks once, and waits for nothing";
         }
-        tendLiveStore();
+        tendLiveStore(true);
         EXPECT_EQ(stored("p.filler0"), std::to_string(rows));
         EXPECT_TRUE(checkConfigDBMD5());
     }
@@ -272,10 +272,10 @@ TEST_F(Life, PasswordsThatTheStartCouldNotScrambleAreScrambledLater) {
     pauses = 0;
     {
         const auto reader = holdForReading(paths::kLiveDb);
-        tendLiveStore();
+        tendLiveStore(true);
     }
     EXPECT_EQ(pauses, 0) << "with all locks held";
-    tendLiveStore();
+    tendLiveStore(true);
     EXPECT_EQ(stored("p.a_passwd"), scrambledForm("1"));
     EXPECT_EQ(stored(kPasswordSwitch), "1");
     start();

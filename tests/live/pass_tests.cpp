@@ -120,7 +120,7 @@ TEST(Order, OfADirectSetAndItsBackup) {
                             "sync sealed get-all parameter backup"};
     EXPECT_EQ(steps, expected);
     steps.clear();
-    tendLiveStore();
+    tendLiveStore(true);
     EXPECT_EQ(steps, (Steps{"copy pending backup", "sync sealed"}));
     watching = false;
     stopRequestLoops();

@@ -3,13 +3,23 @@
 #include "builders/conf_builders.h"
 #include "db/live_db.h"
 #include "files/md5_sidecar.h"
+#include "live/backup_pace.h"
 #include "live/password_state.h"
 #include "live/seal.h"
 #include "live_device.h"
 #include "support/records.h"
 #include "tree/xitem.h"
 
+#include <sys/syscall.h>
+
 #include <chrono>
+
+static std::size_t written = 0; // by the copy
+
+extern "C" ssize_t write(int fd, const void* bytes, size_t size) {
+    written += size;
+    return syscall(SYS_write, fd, bytes, size);
+}
 
 namespace kelconf::test {
 namespace {
@@ -214,17 +224,45 @@ TEST_F(LiveStore, ASealTellsAnInterruptedWriteFromDamage) {
 
 // ---- Backup ----
 
-TEST_F(LiveStore, FilesAreCopiedWhole) {
+TEST_F(LiveStore, FilesAreCopiedWholeByWritingWhatDiffers) {
     for (const std::size_t size : {0UL, 1UL, 131071UL, 131072UL, 131073UL, 400000UL}) {
         const std::string content(size, static_cast<char>('a' + size % 7));
         writeFile("/tmp/source", content);
-        writeFile("/tmp/target", std::string(500000, 'o'));
+        for (const std::string& old : {std::string(500000, 'o'), content.substr(size / 2)}) {
+            writeFile("/tmp/target", old);
+            EXPECT_EQ(copyFile("/tmp/source", "/tmp/target"), 0);
+            EXPECT_EQ(readFile("/tmp/target"), content);
+        }
+    }
+    for (const std::size_t at : {0UL, 1UL, 4096UL, 135167UL, 399999UL}) {
+        writeFile("/tmp/target", readFile("/tmp/source").replace(at, 1, "o"));
+        written = 0;
         EXPECT_EQ(copyFile("/tmp/source", "/tmp/target"), 0);
-        EXPECT_EQ(readFile("/tmp/target"), content);
+        EXPECT_EQ(readFile("/tmp/target"), readFile("/tmp/source"));
+        EXPECT_EQ(written, at == 399999 ? 400000 % 4096 : 4096);
     }
     EXPECT_EQ(copyFile("/tmp/none", "/tmp/target"), -1);
     EXPECT_EQ(readFile("/tmp/target").size(), 400000U) << "not touched";
     EXPECT_EQ(copyFile("/tmp/source", "/tmp/none/target"), -1);
+}
+
+TEST_F(LiveStore, AValueThatChangesEverySecondIsBackedUpSoonAndThenRarely) {
+    BackupPace pace;
+    BackupPace::Moment now{};
+    const auto backups = [&](int seconds) {
+        int taken = 0;
+        for (int i = 0; i < seconds; i += 5, now += std::chrono::seconds{5}) {
+            if (pace.due(now)) {
+                pace.noteTaken(now);
+                ++taken;
+            }
+        }
+        return taken;
+    };
+    EXPECT_EQ(backups(5), 1) << "at once";
+    EXPECT_EQ(backups(3600), 16) << "5, 10, 20, 40, 80 and 160 seconds later, then every 300";
+    now += 2 * kLongestPause;
+    EXPECT_EQ(backups(16), 3) << "as in the beginning";
 }
 
 TEST_F(LiveStore, ABackupIsTakenOnlyWhenPending) {
