@@ -117,8 +117,8 @@ std::int32_t copyFile(const char* source, const char* destination) {
     }
     const Fd before{open(destination, O_RDONLY | O_CLOEXEC)};
     copyDifferences(in.get(), before.get(), out.get());
-    fsync(
-        out.get()); // also without a difference: an earlier copy may have been cut short before it
+    // Also without a difference: an earlier copy may have been cut short before its flush.
+    fsync(out.get());
     out.close();
     return in.close();
 }
