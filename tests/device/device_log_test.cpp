@@ -12,41 +12,24 @@
 namespace kelconf::test {
 namespace {
 
-std::string everyByteFrom(int first) {
-    std::string all;
-    for (int byte = first; byte < 256; ++byte) {
-        all += static_cast<char>(byte);
-    }
-    return all;
-}
-
-void writeConsole(const std::string& bytes) {
-    ASSERT_TRUE(std::ofstream("/dev/console") << bytes << std::flush);
-}
-
 TEST(DeviceLog, KeepsEveryByteAndRecordOnce) {
-    std::vector<std::string> sent{"",
-                                  "\n\n two\nlines",
-                                  "\\n",
-                                  "a\\x41b",
-                                  "\\",
-                                  "a: b: c",
-                                  everyByteFrom(1),
-                                  std::string(8000, 'x')};
-    for (int i = 0; i < 3000; ++i) { // also in a flood
-        sent.push_back("record " + std::to_string(i) + std::string(200, '.'));
+    std::string bytes;
+    for (int byte = 1; byte < 256; ++byte) {
+        bytes += static_cast<char>(byte);
     }
+    std::vector<std::string> sent{"",   "\n\n two\nlines", "\\n", "a\\x41b",
+                                  "\\", "a: b: c",         bytes, std::string(8000, 'x')};
+    sent.resize(3000, "record" + std::string(200, '.')); // also in a flood
     DeviceLog log;
-    std::string console = everyByteFrom(0) + "\x1b[1;33m\r\n\t";
+    std::string console = bytes + '\0';
     for (const std::string& text : sent) {
         syslog(LOG_WARNING, "%s", text.c_str());
         console += text;
     }
-    writeConsole(console); // more than a pseudo terminal holds
-    writeConsole("no line end");
+    ASSERT_TRUE(std::ofstream("/dev/console") << console << std::flush);
     const LogRecords records = log.take();
     EXPECT_TRUE(texts(records.syslog) == sent) << records.syslog.size() << " records";
-    EXPECT_TRUE(records.console == console + "no line end") << records.console.size() << " bytes";
+    EXPECT_TRUE(records.console == console) << records.console.size() << " bytes";
     EXPECT_EQ(records.syslog.at(0).ident, "device_log_test");
     EXPECT_EQ(records.syslog.at(0).priority, LOG_WARNING);
     // NOLINTNEXTLINE(cert-env33-c): the command is this one
@@ -62,8 +45,8 @@ TEST(DeviceLog, TheConsoleIsATerminalWithoutInput) {
     char byte = 0;
     EXPECT_EQ(read(fd, &byte, 1), -1) << "nothing is echoed back";
     close(fd);
-    EXPECT_EQ(withoutTimes("[09:05:03][x]a\n[23:59:59][y]b [9:05:03] [09:05:03"),
-              "[TIME][x]a\n[TIME][y]b [9:05:03] [09:05:03");
+    EXPECT_EQ(withoutTimes("[09:05:03][x]a\n[23:59:59] [9:05:03] [09:05:03"),
+              "[TIME][x]a\n[TIME] [9:05:03] [09:05:03");
 }
 
 } // namespace
