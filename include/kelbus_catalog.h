@@ -6,9 +6,9 @@
  * programs that only read and set values are to start without it. Link with
  * `pkg-config --libs kelbus-catalog`, beside kelbus where that is used too.
  *
- * Texts are UTF-8 and never null. What `range`, `step` and `options` may hold, is in the manual
- * page kelconf-tree(5). The service enforces no rule: kelbus_catalog_check is for those who set
- * values.
+ * Texts are UTF-8, and those of a definition never null. What `range`, `step` and `options` may
+ * hold, is in the manual page kelconf-tree(5). The service enforces no rule: kelbus_catalog_check
+ * is for those who set values.
  *
  * A catalog is used by one thread at a time; different ones may be used by different threads at the
  * same time. No call prints anything or takes a lock that others wait for.

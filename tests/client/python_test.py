@@ -28,6 +28,13 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = 60  # s, 60,000 ms in C: the guard against a hang
 
 
+def clear(tree: str = "") -> None:
+    """A device from before its first start."""
+    for stored in pathlib.Path("/mnt").glob("*/conf/*"):
+        stored.unlink()
+    pathlib.Path("/etc/neutral_tree.xml").write_text(tree)
+
+
 class Service:
     def __init__(self) -> None:
         self.process = subprocess.Popen(["kelconfd"], stdout=subprocess.DEVNULL)
@@ -53,9 +60,7 @@ class Service:
 
 class OnBus(unittest.TestCase):
     def setUp(self) -> None:
-        for stored in pathlib.Path("/mnt").glob("*/conf/*"):
-            stored.unlink()
-        pathlib.Path("/etc/neutral_tree.xml").write_text(TREE)
+        clear(TREE)
         self.service = Service()
         self.addCleanup(lambda: self.service.process.poll() is not None or self.service.end())
         self.bus = kelbus.Client(timeout=LIMIT)
@@ -161,10 +166,7 @@ class Values(OnBus):
 
 class Factory(unittest.TestCase):
     def test_gives_default_and_rule(self) -> None:
-        for stored in pathlib.Path("/mnt").glob("*/conf/*"):
-            stored.unlink()
-        pathlib.Path("/etc/neutral_tree.xml").write_text(
-            """<t><cam type="trunk">
+        clear("""<t><cam type="trunk">
             <port type="int" range="1,65535" step="1" http_access="rw">80</port>
             <key type="password">k</key><state type="realtime"/></cam></t>""")
         catalog = kelbus.Catalog()
@@ -187,8 +189,7 @@ class Examples(unittest.TestCase):
     """The example trees and README's session, as somebody new meets them."""
 
     def test_are_live_and_answer_readmes_session(self) -> None:
-        for stored in pathlib.Path("/mnt").glob("*/conf/*"):
-            stored.unlink()
+        clear()
         for tree in PROJECT.glob("examples/*_tree.xml"):
             pathlib.Path("/etc", tree.name).write_bytes(tree.read_bytes())
         self.addCleanup(pathlib.Path("/etc/ext_tree.xml").unlink)
