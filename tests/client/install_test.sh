@@ -47,11 +47,9 @@ for symbol in kelbus_get@@KELBUS_1 kelbus_watch_open@@KELBUS_1 kelbus_list@@KELB
 done
 # The module finds the library that it was installed with.
 module=$(find "$prefix" -name kelbus -path '*-packages/*')
-said=$(PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=${module%/*} python3 -c '
+PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=${module%/*} python3 -c '
 import kelbus
-try: kelbus.Client().get("no.such")
-except kelbus.KelbusError as error: print(kelbus.__version__, error)')
-case $said in
-    0.*) echo "ok: python: $said" ;;
-    *) echo "FAILED: python: $said" && exit 1 ;;
-esac
+try: kelbus.Client().get("no.such"), exit("FAILED: python")
+except kelbus.NoService as error: print("ok: python:", kelbus.__version__, error)
+try: kelbus.Catalog().find("no.such"), exit("FAILED: python")
+except kelbus.NoCatalog as error: print("ok: python:", error)'

@@ -11,21 +11,20 @@
 namespace kelconf::test {
 namespace {
 
-kelbus_error getAndSet() {
-    kelbus* client = nullptr;
-    kelbus_error error = kelbus_open(&client);
-    char* value = nullptr;
-    error = error != KELBUS_OK ? error : kelbus_get(client, "private.a", &value, kLimit);
-    error = error != KELBUS_OK ? error : kelbus_set_bool(client, "private.a", true, KELBUS_SET, -1);
-    kelbus_free(value);
-    kelbus_close(client);
-    return error;
-}
-
 kelbus_error openWatch() {
     kelbus_watch* watch = nullptr;
     const kelbus_error error = kelbus_watch_open(&watch, nullptr, 0);
     kelbus_watch_close(watch);
+    return error;
+}
+
+kelbus_error getAndSet() {
+    kelbus* client = nullptr;
+    bool value = false;
+    kelbus_error error = kelbus_open(&client);
+    error = error != KELBUS_OK ? error : kelbus_get_bool(client, "private.a", &value, kLimit);
+    error = error != KELBUS_OK ? error : kelbus_set_bool(client, "private.a", true, KELBUS_SET, -1);
+    kelbus_close(client);
     return error;
 }
 

@@ -38,11 +38,9 @@ def clear(tree: str = "") -> None:
 class Service:
     def __init__(self) -> None:
         self.process = subprocess.Popen(["kelconfd"], stdout=subprocess.DEVNULL)
-        deadline = time.monotonic() + LIMIT
-        while time.monotonic() < deadline:
+        for _ in range(3000):
             try:
-                with kelbus.Client() as bus:
-                    bus.list()
+                kelbus.Client().list()
                 return
             except kelbus.NoService:
                 time.sleep(0.02)
@@ -85,8 +83,8 @@ class Values(OnBus):
         self.assertEqual((bus.get("x", None), "x" in bus, "cam.b" in bus), (None, False, True))
 
     def test_keep_what_their_kind_promises(self) -> None:
-        with self.assertRaisesRegex(kelbus.UnknownName, '"no"'):
-            self.bus.set_many({"cam.b": "known", "no": ""}, kelbus.Kind.DIRECT)
+        partly = {"cam.b": "known", "no": ""}
+        self.assertRaisesRegex(KeyError, '"no"', self.bus.set_many, partly, kelbus.Kind.DIRECT)
         self.bus.set("camera.ab", "memory", kelbus.Kind.NO_DB)
         self.bus.set("cam.a", "direct", kelbus.Kind.DIRECT)
         self.restart(signal.SIGKILL)
@@ -105,9 +103,8 @@ class Values(OnBus):
             self.assertRaises(ValueError, self.bus.set, "cam.b", text)
             self.assertRaises(ValueError, self.bus.get, text)
         for raw in (b"\xff", b"\xc3", b"\xed\xa0\x80", b"\xc0\xaf", None):  # as C passes them
-            for name, value in ((b"cam.b", raw), (raw, b"1")):
-                handle = self.bus._pointer
-                self.assertEqual(library.kelbus_set(handle, name, value, 0, LIMIT * 1000), 6)
+            self.assertEqual(library.kelbus_set(self.bus._pointer, raw, b"1", 0, 0), 6)
+            self.assertEqual(self.by_c("set", raw, 0), 6)
         self.assertRaisesRegex(kelbus.BadArgument, "name is empty", self.bus.get, "")
         self.assertEqual(self.bus["cam.b"], "")
 
@@ -135,15 +132,14 @@ class Values(OnBus):
         for text, *expected in scenes:
             bus["cam.a"] = text
             for (word, kind, get, wrong), value in zip(kinds, expected):
-                with self.subTest(text=text, type=word):
-                    place = kind(7)
-                    code = self.by_c("get_" + word, ctypes.byref(place))
-                    if value is not None:
-                        self.assertEqual((code, place.value, get("cam.a")), (c.OK, value, value))
-                        continue
-                    self.assertEqual((code, place.value), (6, kind(7).value))  # left alone
-                    self.assertEqual(str(bus._error(code)), f'"cam.a": the value {wrong}')
-                    self.assertRaisesRegex(ValueError, wrong, get, "cam.a")
+                place = kind(7)
+                code = self.by_c("get_" + word, ctypes.byref(place))
+                if value is not None:
+                    self.assertEqual((code, place.value, get("cam.a")), (c.OK, value, value), text)
+                    continue
+                self.assertEqual((code, place.value), (6, kind(7).value), text)  # left alone
+                self.assertEqual(str(bus._error(code)), f'"cam.a": the value {wrong}')
+                self.assertRaisesRegex(ValueError, wrong, get, "cam.a")
         for text, verb in (("1e999", "get_double"), (str(2**63), "get_int64")):
             bus["cam.a"] = text
             code = self.by_c(verb, ctypes.byref(ctypes.c_int64()))
@@ -257,12 +253,8 @@ class BadDays(OnBus):
         os.chmod("/tmp/kelbus", 0o700)
         self.service = Service()
         self.assertEqual(values.next(LIMIT), ("cam.a", "1", None))
-        seen = None
-        for i in range(600):  # until it has connected by itself
-            self.bus["cam.a"] = i
-            if seen := early.next(0.1):
-                break
-        self.assertEqual(seen and seen.name, "cam.a")
+        changed = (self.bus.set("cam.a", i) or early.next(0.1) for i in range(600))
+        self.assertEqual(next(filter(None, changed)).name, "cam.a")  # it has connected by itself
 
     def test_let_the_group_in_at_the_next_start(self) -> None:
         group = pathlib.Path("/etc/group")  # this device root's own
@@ -363,7 +355,7 @@ class Requests(OnBus):
         async def run() -> None:
             async with kelbus.AsyncClient(timeout=LIMIT) as bus:
                 with self.assertRaisesRegex(kelbus.UnknownName, '"z"'):
-                    await bus.set_many({"cam.b": "new", "z": ""}, kelbus.Kind.DIRECT)
+                    await bus.set_many({"cam.b": "new", "z": ""})
                 some = ("x", "cam.b", "y", "cam.a")
                 answers = await asyncio.gather(*(bus.get(name) for name in ALL), bus.list("cam."),
                                                bus.group("camera.a"), bus.get_many(some))
