@@ -46,12 +46,12 @@ class Life : public testing::Test {
         writeTree(leaf("word", "default") + fillers(200));
         support_campass = 1;
         start();
-        setDirect({{"p.word", "backed-up"}});
+        set({{"p.word", "backed-up"}});
         tendLiveStore(true);
         ASSERT_EQ(backup_pending, 0);
         older = flashNow();
         older_journal = tornByTransaction()[paths::kLiveDbJournal];
-        setDirect({{"p.word", "newer"}});
+        set({{"p.word", "newer"}});
         log.take();
     }
     void TearDown() override { forgetMemory(); }
@@ -59,8 +59,8 @@ class Life : public testing::Test {
     static std::string stored(const std::string& name) { return storedIn(paths::kLiveDb, name); }
     // What a transaction leaves that is cut short once its pages go into the file.
     static Flash tornByTransaction() {
-        const Other other{
-            "PRAGMA cache_size=1; BEGIN; UPDATE CONFIG SET VALUE=hex(zeroblob(2000))"};
+        const auto other =
+            otherDoes("PRAGMA cache_size=1; BEGIN; UPDATE CONFIG SET VALUE=hex(zeroblob(2000))");
         return flashNow();
     }
     DeviceLog log;
@@ -147,7 +147,7 @@ TEST_F(Life, TheFileIsHeldWhileItIsLoaded) {
 TEST_F(Life, NewNamesAreServedWhileTheFileIsLockedAndStoredLater) {
     writeTree(leaf("word", "default") + fillers(200) + leaf("added", "new"));
     {
-        const Other other{"BEGIN EXCLUSIVE"};
+        const auto other = otherDoes("BEGIN EXCLUSIVE");
         start();
         EXPECT_EQ(live("p.word") + live("p.added"), "newernew");
     }
@@ -161,9 +161,9 @@ TEST_F(Life, AFileThatIsLostIsMadeAnewInThePass) {
     const auto expect = [&](const std::string& name, auto happen) {
         SCOPED_TRACE(name);
         happen();
-        setDirect({{"p.filler1", name}});
+        set({{"p.filler1", name}});
         EXPECT_NE(logged().find("made anew from memory"), std::string::npos);
-        setDirect({{"p.filler2", name}});
+        set({{"p.filler2", name}});
         start();
         EXPECT_EQ(live("p.word") + live("p.filler1") + live("p.filler2"), "newer" + name + name);
     };
@@ -184,7 +184,7 @@ TEST_F(Life, OnlyAFileThatHoldsMemoryIsBackedUp) {
         {"newer", "never"}, {kFiller, std::string(kFiller.size(), '\0')}, {"string", "String"}};
     for (const auto& [from, to] : rots) {
         rot(from, to);
-        setDirect({{"p.filler199", from}}); // sealed with what has rotted
+        set({{"p.filler199", from}}); // sealed with what has rotted
         tendLiveStore(true);
         EXPECT_EQ(storedIn(paths::kBackupDb, "p.word"), "newer");
         EXPECT_EQ(storedIn(paths::kBackupDb, "p.filler199"), from);
@@ -195,15 +195,15 @@ TEST_F(Life, OnlyAFileThatHoldsMemoryIsBackedUp) {
 }
 
 TEST_F(Life, WhatIsInMemoryOnlyIsNeverStored) {
-    setDirect({{"p.filler1", "stored"}});
-    apply(setValueForSetAnswerListNoDBStore, {{"p.word", "passing"}, {"p.word", "passed"}});
+    set({{"p.filler1", "stored"}});
+    set({{"p.word", "passing"}, {"p.word", "passed"}}, setValueForSetAnswerListNoDBStore);
     noteUnstored("p.filler1", "owed"); // by a pass that failed; changed in memory since
-    apply(setValueForSetAnswerListNoDBStore, {{"p.filler1", "passing"}});
+    set({{"p.filler1", "passing"}}, setValueForSetAnswerListNoDBStore);
     setLiveFile(LiveFile::kLost);
-    setDirect({});
+    set({});
     EXPECT_EQ(stored("p.word") + stored("p.filler1"), "newerowed");
     EXPECT_EQ(live("p.word") + live("p.filler1"), "passedpassing");
-    setDirect({{"p.word", "kept"}});
+    set({{"p.word", "kept"}});
     std::filesystem::remove(paths::kLiveDb);
     tendLiveStore(true);
     EXPECT_EQ(stored("p.word"), "kept");
@@ -221,7 +221,7 @@ TEST_F(Life, AFileThatCannotBeHashedIsToldInThePass) {
         writeFile(paths::kLiveEvidence, "so that what is in the way stays there");
         std::filesystem::remove_all(lost);
         lost == paths::kLiveDb ? std::filesystem::create_directory(lost) : false;
-        setDirect({});
+        set({});
         EXPECT_NE(logged().find("create hash failed \n"), std::string::npos) << lost;
         std::filesystem::create_directories("/mnt/nand/conf");
     }
@@ -236,10 +236,10 @@ TEST_F(Life, TheFirstRefusedRowGetsTenAttemptsTheOthersOne) {
             values.emplace_back("p.filler" + std::to_string(i), std::to_string(rows));
         }
         {
-            const Other other{"BEGIN EXCLUSIVE"};
+            const auto other = otherDoes("BEGIN EXCLUSIVE");
             log.take();
             pauses = 0;
-            setDirect(values);
+            set(values);
             EXPECT_EQ(timesIn(logged(), "SQL error: "), rows == 1 ? 10 : 1 + 10 + rows - 1)
                 << "the transaction counts as one";
             tendLiveStore(true);
@@ -255,7 +255,7 @@ TEST_F(Life, OneRowThatIsRefusedDoesNotTakeTheOthersWithIt) {
     sql(paths::kLiveDb, "CREATE TRIGGER t BEFORE UPDATE ON CONFIG WHEN NEW.NAME='p.filler1' "
                         "BEGIN SELECT RAISE(FAIL,'no'); END");
     settleLiveDatabase();
-    setDirect({{"p.filler0", "a"}, {"p.filler1", "b"}, {"p.filler2", "c"}, {"p.filler0", "d"}});
+    set({{"p.filler0", "a"}, {"p.filler1", "b"}, {"p.filler2", "c"}, {"p.filler0", "d"}});
     EXPECT_EQ(stored("p.filler0") + stored("p.filler1") + stored("p.filler2"), "d" + kFiller + "c");
     EXPECT_TRUE(anyUnstored());
 }
@@ -268,7 +268,7 @@ TEST_F(Life, PasswordsThatTheStartCouldNotScrambleAreScrambledLater) {
     adoptPasswords({passwordMarkOf(plainMark(202)), {}}, true);
     sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES('private.encrypt_campass','0','int')");
     settleLiveDatabase();
-    apply(setValueForSetAnswerListNoDBStore, {{"p.a_passwd", "passing"}});
+    set({{"p.a_passwd", "passing"}}, setValueForSetAnswerListNoDBStore);
     pauses = 0;
     {
         const auto reader = holdForReading(paths::kLiveDb);

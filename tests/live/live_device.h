@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,7 +59,7 @@ inline void start() {
     loadLiveValues(std::move(source));
 }
 
-inline void apply(std::uint8_t (*kind)(), const Values& values) {
+inline void set(const Values& values, std::uint8_t (*kind)() = setDirectValueForSetAnswerList) {
     for (const auto& [name, value] : values) {
         addSetAnswerElementWithNameAndValue(name.c_str(), value.c_str());
     }
@@ -66,31 +67,18 @@ inline void apply(std::uint8_t (*kind)(), const Values& values) {
     delSetAnswerElement();
 }
 
-inline void setDirect(const Values& values) {
-    apply(setDirectValueForSetAnswerList, values);
-}
-
 inline std::string storedIn(const char* path, const std::string& name) {
     const auto rows = sql(path, "SELECT VALUE FROM CONFIG WHERE NAME='" + name + "'");
     return rows.empty() ? "(none)" : rows[0][0];
 }
 
-// Another process in the live file, until the end of the block.
-class Other {
-  public:
-    explicit Other(const char* statements) {
-        sqlite3_open(paths::kLiveDb, &database_);
-        EXPECT_EQ(sqlite3_exec(database_, statements, nullptr, nullptr, nullptr), SQLITE_OK);
-    }
-    ~Other() { sqlite3_close(database_); }
-    Other(const Other&) = delete;
-    Other& operator=(const Other&) = delete;
-    Other(Other&&) = delete;
-    Other& operator=(Other&&) = delete;
-
-  private:
-    sqlite3* database_ = nullptr;
-};
+// Another process in the live file, as long as the result lives.
+inline auto otherDoes(const char* statements) {
+    sqlite3* database = nullptr;
+    sqlite3_open(paths::kLiveDb, &database);
+    EXPECT_EQ(sqlite3_exec(database, statements, nullptr, nullptr, nullptr), SQLITE_OK);
+    return std::unique_ptr<sqlite3, decltype(&sqlite3_close)>(database, sqlite3_close);
+}
 
 // Everything on flash, by path.
 using Flash = std::map<std::string, std::string>;

@@ -30,19 +30,14 @@ bool canTake(std::int32_t (*enter)(), std::int32_t (*leave)()) {
     return result.wait_for(std::chrono::milliseconds{150}) == std::future_status::ready;
 }
 
-std::int32_t enterBackup() {
-    return pthread_mutex_lock(&backup_mutex);
-}
-std::int32_t leaveBackup() {
-    return pthread_mutex_unlock(&backup_mutex);
-}
 const struct {
     const char* name;
     std::int32_t (*enter)();
     std::int32_t (*leave)();
 } kLocks[] = {{" get-all", enterGetAllCriticalSection, leaveGetAllCriticalSection},
               {" parameter", enterCriticalSection, leaveCriticalSection},
-              {" backup", enterBackup, leaveBackup},
+              {" backup", [] { return pthread_mutex_lock(&backup_mutex); },
+               [] { return pthread_mutex_unlock(&backup_mutex); }},
               {" event", enterEventCriticalSection, leaveEventCriticalSection}};
 
 using Steps = std::vector<std::string>;

@@ -99,7 +99,7 @@ TEST_F(LiveStore, LoadingFillsAndSortsTheList) {
 TEST_F(LiveStore, ALockedDatabaseIsTriedTenTimesASecondApart) {
     insertSQLEntry("a", "1", "");
     {
-        const Other other{"BEGIN EXCLUSIVE"};
+        const auto other = otherDoes("BEGIN EXCLUSIVE");
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
@@ -113,7 +113,7 @@ TEST_F(LiveStore, ALockedDatabaseIsTriedTenTimesASecondApart) {
         EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
         EXPECT_EQ(logged().size(), 2U) << "one attempt once the service ends";
     }
-    const Other reader{"BEGIN; SELECT * FROM CONFIG"};
+    const auto reader = otherDoes("BEGIN; SELECT * FROM CONFIG");
     EXPECT_EQ(updateSQLEntry("a", "2"), 0) << "a commit that fails is an attempt that failed";
     EXPECT_EQ(stored("a"), "1");
 }
