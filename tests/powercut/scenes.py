@@ -20,7 +20,7 @@ from recording import Record, inode, mark
 
 CONTROL = struct.Struct("<3i8s32s")  # as in recorder.cpp
 POLL = 0.02  # s
-PATIENCE = 500  # polls until a scene has failed
+PATIENCE = 3000  # polls until a scene has failed
 PROMISES = {"weak": NOTHING, "set": LATER, "direct": STORED}  # of the verbs that set a value
 STILL = 10  # polls, two periods of the upkeep
 
