@@ -8,8 +8,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <optional>
 #include <regex>
+#include <thread>
 
 namespace kelconf::test {
 namespace {
@@ -249,6 +251,27 @@ TEST_F(Bus, HoldsRequestsAtNoCostUntilSomebodyAnswers) {
     const Peer waiting{ZMQ_REQ, endpoints::kGetFrontEnd}; // when the service ends
     waiting.send({"nobody", "answers"});
     EXPECT_EQ(waiting.receive(std::chrono::milliseconds{50}), Parts{});
+}
+
+// All loops at once, for the thread sanitizer above all.
+TEST_F(Bus, ServesACrowdOfAllKindsOfClients) {
+    std::atomic<int> right{0};
+    {
+        std::vector<std::jthread> clients;
+        for (const char* kind : {kSet, kDirect, kNoDb, kSet}) {
+            clients.emplace_back([&right, kind] {
+                const std::string group =
+                    "<GET_GROUP_ACTION><g name='private.'/></GET_GROUP_ACTION>";
+                for (int i = 0; i < 25; ++i) {
+                    right += set(kind, parameters("a=" + std::to_string(i) + "|")) ? 1 : 0;
+                    right += valueOf("private.a") != "?" ? 1 : 0;
+                    right += ask(endpoints::kGetAll, "<GET_ALL_ACTION/>").ends_with("ON>") ? 1 : 0;
+                    right += ask(endpoints::kGetGroup, group).ends_with("ON>") ? 1 : 0;
+                }
+            });
+        }
+    }
+    EXPECT_EQ(right, 4 * 25 * 4);
 }
 
 TEST_F(Bus, SurvivesFiveThousandIdleConnections) {
