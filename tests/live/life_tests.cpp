@@ -128,8 +128,8 @@ TEST_F(Life, AStartKeepsTheBestOfWhatIsThere) {
 
 TEST_F(Life, AStartSealsAllThatItChanges) {
     const std::string one = leaf("a_passwd", "1");
-    const std::string plain = leaf("encrypt_campass", "0");
-    for (const std::string& tree : {one, one + plain, leaf("b_passwd", "2") + plain}) {
+    const std::string scrambled = leaf("encrypt_campass", "1"); // which the mark of the file denies
+    for (const std::string& tree : {one, one + scrambled, leaf("b_passwd", "2") + scrambled}) {
         writeFile(paths::kNeutralTree, "<t><private type=\"trunk\">" + tree + "</private></t>");
         start();
         EXPECT_TRUE(checkConfigDBMD5() && untouchedSinceSealing());
