@@ -87,13 +87,16 @@ test_logs_of_roots_side_by_side() {
     check "no socket is left" 'etc log mnt tmp .[[]*' "$(cd "$root" && echo * .[!.]*)"
     local first=$root-first
     root=$first start 'echo ready; while [ ! -e /tmp/go ]; do sleep 0.01; done
-        head -c 100000 /dev/zero >/dev/console; cat /mnt/nand/conf/name'
+        cat /mnt/nand/conf/name; head -c 1000 /dev/zero >/dev/console'
     echo of-first >"$first/mnt/nand/conf/name"
     in_root '0: ' 'echo of-second >/mnt/nand/conf/name'
+    kill -STOP "$started" # the recorder sees the last bytes and the end at once
     touch "$first/tmp/go"
+    until [[ $(ps -o stat= --ppid "$started") == Z* ]]; do sleep 0.01; done
+    kill -CONT "$started"
     check "files" of-first "$(cat <&3)"
     wait "$started"
-    check "the last bytes are not lost" 100000 "$(stat -c %s "$first/log/console")"
+    check "the last bytes are not lost" 1000 "$(stat -c %s "$first/log/console")"
     run '0: ' "$device" "$work/$(printf 'a rather long name %s/' 1 2 3 4 5 6 7 8)" logger x
     (cd "$work" && "$device" relative sh -c 'echo here >/tmp/x')
     check "a relative root" here "$(cat "$work/relative/tmp/x")"
