@@ -6,8 +6,6 @@ find_package(SQLite3 REQUIRED)
 find_package(Threads REQUIRED)
 pkg_check_modules(LIBZMQ REQUIRED IMPORTED_TARGET libzmq)
 pkg_check_modules(LIBMD REQUIRED IMPORTED_TARGET libmd)
-find_package(CLI11 REQUIRED)
-find_package(nlohmann_json REQUIRED)
 
 find_path(QLIBC_INCLUDE_DIR qlibc/qlibc.h)
 find_library(QLIBC_LIBRARY qlibc)

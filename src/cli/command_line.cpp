@@ -1,11 +1,17 @@
 #include "cli/command_line.h"
 
+#include "cli/nearest.h"
 #include "cli/output/output.h"
 
-#include <CLI/CLI.hpp>
+#include <getopt.h>
+
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <optional>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <variant>
 
 namespace kelconf::cli {
@@ -57,96 +63,157 @@ constexpr OptionHelp kVersion{"-V,--version", nullptr, "show the version"};
 constexpr const char* kStatuses =
     "Exit status: 0 done; 1 a name is unknown or a difference was found; 2 wrong usage or a value\n"
     "that is refused here; 3 no service, or no answer in time; 4 the service refused; 5 a broken\n"
-    "reply, file, input or output; 130 Ctrl-C.";
+    "reply, file, input or output; 130 Ctrl-C.\n";
 
 constexpr double kLongest = 1e6; // seconds, so that milliseconds fit an int
 
-CLI::Option* addOption(CLI::App& app, Options& options, const OptionRow& row) {
-    const auto add = [&](auto member) -> CLI::Option* {
-        using Type = std::remove_reference_t<decltype(options.*member)>;
+bool has(const OptionRow& row, const Command* command) {
+    return row.bit == 0 || (command != nullptr && (row.bit & command->options) != 0);
+}
+
+// ---- What a line of words means -------------------------------------------------------------
+
+// The options as getopt_long wants them; an option's value is its place in kOptions, from kFirst
+// on.
+struct Wanted {
+    static constexpr int kFirst = 256; // above all letters
+    std::vector<option> names;
+    std::vector<std::pair<char, int>> letters;
+    std::string letter_list;
+
+    Wanted(const Command* command, bool stop_at_operand) {
+        // '+': stop at the first word that is no option. ':': an argument that is missing is told.
+        letter_list = stop_at_operand ? "+:" : ":";
+        add(kHelp.flags, false, 'h');
+        add(kVersion.flags, false, 'V');
+        for (std::size_t i = 0; i < kOptions.size(); ++i) {
+            if (has(kOptions[i], command)) {
+                add(kOptions[i].flags, kOptions[i].argument != nullptr,
+                    kFirst + static_cast<int>(i));
+            }
+        }
+        names.push_back({});
+    }
+
+    void add(const char* flags, bool argument, int value) {
+        const std::string_view all = flags;
+        if (all[1] != '-') {
+            letters.emplace_back(all[1], value);
+            letter_list.append(1, all[1]).append(argument ? ":" : "");
+        }
+        names.push_back({flags + all.find("--") + 2, argument ? required_argument : no_argument,
+                         nullptr, value});
+    }
+
+    [[nodiscard]] int valueOf(int found) const {
+        const auto letter = std::find_if(letters.begin(), letters.end(),
+                                         [&](const auto& each) { return each.first == found; });
+        return letter == letters.end() ? found : letter->second;
+    }
+};
+
+// One line of words under way. What is wrong is in `fault`.
+struct Reading {
+    Invocation invocation;
+    std::string fault;
+    bool help = false;
+    bool version = false;
+};
+
+template <typename Number>
+bool readNumber(const char* text, Number& number) {
+    const std::string_view digits = text;
+    const auto end = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return end.ec == std::errc{} && end.ptr == digits.data() + digits.size();
+}
+
+void takeOption(Reading& reading, const OptionRow& row, const char* argument) {
+    const auto take = [&](auto member) {
+        auto& field = reading.invocation.options.*member;
+        using Type = std::remove_reference_t<decltype(field)>;
         if constexpr (std::is_same_v<Type, bool>) {
-            return app.add_flag(row.flags, options.*member, row.help);
-        } else {
-            return app.add_option(row.flags, options.*member, row.help)->type_name(row.argument);
+            field = true;
+        } else if constexpr (std::is_same_v<Type, std::vector<std::string>>) {
+            field.emplace_back(argument);
+        } else if constexpr (std::is_same_v<Type, std::string>) {
+            field = argument;
+        } else if constexpr (std::is_same_v<Type, double>) {
+            if (!readNumber(argument, field) || !(field >= 0 && field <= kLongest)) {
+                reading.fault = "a time limit is a number of seconds from 0 to 1000000";
+            }
+        } else if (!readNumber(argument, field) || field == 0) {
+            const std::string_view flags = row.flags;
+            reading.fault = std::string{flags.substr(flags.find("--"))} + " is a number from 1 on";
         }
     };
-    CLI::Option* option = std::visit(add, row.field);
-    if (std::holds_alternative<std::vector<std::string> Options::*>(row.field)) {
-        option->expected(1)->allow_extra_args(false);
-        option->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    } else {
-        option->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    }
-    return option;
+    std::visit(take, row.field);
 }
 
-void addOptions(CLI::App& app, Options& options, std::uint32_t bits) {
-    for (const OptionRow& row : kOptions) {
-        if (row.bit == 0 || (row.bit & bits) != 0) {
-            addOption(app, options, row)
-                ->group(row.bit == 0 ? "Options of every command" : "Options");
+std::string faultOf(int found, const char* word) {
+    const std::string said = word;
+    if (found == ':') {
+        return said + " needs an argument";
+    }
+    const std::size_t equals = said.find('=');
+    return optopt >= Wanted::kFirst && equals != std::string::npos
+               ? said.substr(0, equals) + " takes no argument"
+               : "there is no option " + (said.starts_with("--")
+                                              ? said
+                                              : "-" + std::string(1, static_cast<char>(optopt)));
+}
+
+// Takes the options of `words`, the first of which is the program's or command's own name, and
+// moves the operands to the end (but when it stops at the first). The number of words before them.
+int takeOptions(Reading& reading, std::vector<char*>& words, const Command* command) {
+    const Wanted wanted{command, command == nullptr};
+    const int count = static_cast<int>(words.size());
+    opterr = 0;
+    optind = 0; // begin anew
+    int found = 0;
+    while (reading.fault.empty() &&
+           (found = getopt_long(count, words.data(), wanted.letter_list.c_str(),
+                                wanted.names.data(), nullptr)) != -1) {
+        const int value = wanted.valueOf(found);
+        if (found == '?' || found == ':') {
+            reading.fault = faultOf(found, words[static_cast<std::size_t>(optind) - 1]);
+        } else if (value == 'h') {
+            reading.help = true;
+        } else if (value == 'V') {
+            reading.version = true;
+        } else {
+            takeOption(reading, kOptions[static_cast<std::size_t>(value - Wanted::kFirst)], optarg);
         }
     }
+    return optind;
 }
 
-std::string footerOf(const Command& command) {
-    return std::string{command.details} + "\n\n" + kStatuses;
-}
-
-void setUp(CLI::App& app, const Command& command, Options& options) {
-    app.footer(footerOf(command));
-    app.set_help_flag(kHelp.flags, kHelp.help)->group("Options of every command");
-    addOptions(app, options, command.options);
-    if (command.most == 0) {
-        return;
+const Command* commandOf(std::string_view first, std::string_view second) {
+    for (const Command& command : commands()) {
+        const std::string_view name = command.name;
+        const std::size_t blank = name.find(' ');
+        if (name.substr(0, blank) == first &&
+            (blank == std::string_view::npos || name.substr(blank + 1) == second)) {
+            return &command;
+        }
     }
-    CLI::Option* operands =
-        app.add_option(command.operands, options.operands, command.operand_help);
-    operands->type_name("")->allow_extra_args(true);
-    operands->expected(command.least, command.most == kAnyNumber
-                                          ? CLI::detail::expected_max_vector_size
-                                          : command.most);
-    operands->required(command.least > 0);
+    return nullptr;
 }
 
-// "tree check" becomes `check` below `tree`.
-CLI::App* addCommand(CLI::App& app, const Command& command) {
-    const std::string_view name = command.name;
-    const std::size_t blank = name.find(' ');
-    if (blank == std::string_view::npos) {
-        return app.add_subcommand(command.name, command.summary);
+bool isGroup(std::string_view word) {
+    const auto below = [&](const Command& command) {
+        const std::string_view name = command.name;
+        return name.starts_with(word) && name.substr(word.size()).starts_with(' ');
+    };
+    return std::any_of(commands().begin(), commands().end(), below);
+}
+
+std::string noCommand(const std::string& word) {
+    std::vector<std::string> names;
+    for (const Command& command : commands()) {
+        const std::string_view name = command.name;
+        names.emplace_back(name.substr(0, name.find(' ')));
     }
-    const std::string group{name.substr(0, blank)};
-    const auto same =
-        app.get_subcommands([&](CLI::App* each) { return each->get_name() == group; });
-    CLI::App* parent =
-        same.empty() ? app.add_subcommand(group, "commands on a " + group) : same.front();
-    parent->require_subcommand(1);
-    return parent->add_subcommand(std::string{name.substr(blank + 1)}, command.summary);
-}
-
-// Only commands that the line can mean get their options: the set-up is a good part of a start.
-bool named(const Command& command, int argc, const char* const* argv) {
-    const std::string_view name = command.name;
-    const std::string_view last = name.substr(name.find(' ') + 1);
-    return std::any_of(argv, argv + argc, [&](const char* word) { return last == word; });
-}
-
-int usageError(const std::string& reason, const CLI::App& app) {
-    const auto parsed = app.get_subcommands();
-    const std::string which = parsed.empty() ? "" : " " + parsed.front()->get_name();
-    complain(reason + " (kelctl" + which + " --help shows the usage)");
-    return kUsage;
-}
-
-int badLine(const CLI::App& app, const CLI::ParseError& error) {
-    std::string reason = error.what();
-    std::replace(reason.begin(), reason.end(), '\n', ' ');
-    const auto rest = app.remaining(false);
-    if (app.get_subcommands().empty()) {
-        reason = rest.empty() ? "a command is missing" : "there is no command " + rest.front();
-    }
-    return usageError(reason, app);
+    return "there is no command " + word + didYouMean(nearest(word, names));
 }
 
 const char* contradiction(const Options& options) {
@@ -159,70 +226,186 @@ const char* contradiction(const Options& options) {
     if (options.direct && options.no_db) {
         return "--direct and --no-db exclude each other";
     }
-    const double limits[] = {options.request_timeout, options.watch_timeout};
-    for (const double limit : limits) {
-        if (!(limit >= 0 && limit <= kLongest)) {
-            return "a time limit is a number of seconds from 0 to 1000000";
-        }
-    }
     const bool nameless = std::any_of(options.operands.begin(), options.operands.end(),
                                       [](const std::string& operand) { return operand.empty(); });
     return nameless ? "an operand is empty" : nullptr;
 }
 
-// The words without a "--" that changes nothing, since no word behind it begins with "-": CLI11
-// gives what follows it to the program where the command needs no further operand.
-std::vector<const char*> withoutIdleMark(int argc, const char* const* argv) {
-    std::vector<const char*> words{argv, argv + argc};
-    const auto mark = std::find(words.begin(), words.end(), std::string_view{"--"});
-    if (mark != words.end() &&
-        std::none_of(mark + 1, words.end(), [](const char* word) { return word[0] == '-'; })) {
-        words.erase(mark);
+std::string operandFault(const Command& command, const std::vector<std::string>& operands) {
+    const int count = static_cast<int>(operands.size());
+    if (count < command.least) {
+        return std::string{command.operands} + " is required";
     }
-    return words;
+    return command.most != kAnyNumber && count > command.most
+               ? "one word too many: " + operands[static_cast<std::size_t>(command.most)]
+               : "";
+}
+
+// ---- Help -----------------------------------------------------------------------------------
+
+constexpr std::size_t kHelpColumn = 30;
+
+void addRow(std::string& text, std::string left, std::string_view right) {
+    left.insert(0, "  ");
+    left.resize(std::max(left.size() + 1, kHelpColumn), ' ');
+    text.append(left).append(right).append("\n");
+}
+
+void addOptionRows(std::string& text, const char* title, const std::vector<OptionHelp>& options) {
+    text.append("\n").append(title).append(":\n");
+    for (const OptionHelp& each : options) {
+        addRow(text,
+               each.argument == nullptr ? each.flags
+                                        : std::string{each.flags} + " " + each.argument,
+               each.help);
+    }
+}
+
+// Of the options of a command those that every command has, or the others.
+std::vector<OptionHelp> optionRows(const Command* command, bool of_every) {
+    std::vector<OptionHelp> rows;
+    if (of_every) {
+        rows.push_back(kHelp);
+    } else if (command == nullptr) {
+        rows.push_back(kVersion);
+    }
+    for (const OptionRow& row : kOptions) {
+        if (has(row, command) && (row.bit == 0) == of_every) {
+            rows.push_back({row.flags, row.argument, row.help});
+        }
+    }
+    return rows;
+}
+
+void addOptions(std::string& text, const Command* command) {
+    addOptionRows(text, "Options of every command", optionRows(command, true));
+    if (const auto rows = optionRows(command, false); !rows.empty()) {
+        addOptionRows(text, "Options", rows);
+    }
+}
+
+std::string helpOf(const Command& command) {
+    const bool many = command.most == kAnyNumber;
+    const std::string operands = std::string{command.operands} + (many ? "..." : "");
+    std::string text =
+        std::string{command.summary} + "\nUsage: kelctl " + command.name + " [OPTIONS]";
+    if (command.most != 0) {
+        text += command.least > 0 ? " " + operands : " [" + operands + "]";
+        text += "\n\nOperands:\n";
+        addRow(text, operands, command.operand_help);
+    } else {
+        text += "\n";
+    }
+    addOptions(text, &command);
+    return text.append("\n").append(command.details).append("\n\n").append(kStatuses);
+}
+
+// The commands, or those below the first word of a command of two.
+std::string helpOfGroup(std::string_view group) {
+    std::string text =
+        group.empty() ? "Reads, sets and watches the parameters of the configuration service.\n"
+                        "Usage: kelctl [OPTIONS] COMMAND\n"
+                      : "commands on a " + std::string{group} + "\nUsage: kelctl " +
+                            std::string{group} + " COMMAND\n";
+    if (group.empty()) {
+        addOptions(text, nullptr);
+    }
+    text += "\nCommands:\n";
+    std::string_view last;
+    for (const Command& command : commands()) {
+        const std::string_view name = command.name;
+        const std::size_t blank = name.find(' ');
+        const std::string_view first = name.substr(0, blank);
+        if (!group.empty() && first == group && blank != std::string_view::npos) {
+            addRow(text, std::string{name.substr(blank + 1)}, command.summary);
+        } else if (group.empty() && first != last) {
+            const bool gathers = blank != std::string_view::npos;
+            addRow(text, std::string{first},
+                   gathers ? "commands on a " + std::string{first} : command.summary);
+        }
+        last = first;
+    }
+    return text.append("\n").append(kStatuses);
+}
+
+// ---- One line ---------------------------------------------------------------------------------
+
+Invocation wrong(const std::string& reason, const std::string& which) {
+    complain(reason + " (kelctl " + which + (which.empty() ? "" : " ") + "--help shows the usage)");
+    return {nullptr, kUsage, {}};
+}
+
+Invocation shown(const std::string& text) {
+    out(text);
+    return {};
+}
+
+// `kelctl help`, `kelctl help COMMAND`.
+Invocation helpOn(const std::vector<std::string>& words) {
+    if (words.empty()) {
+        return shown(helpOfGroup(""));
+    }
+    const Command* command = commandOf(words[0], words.size() > 1 ? words[1] : "");
+    if (command != nullptr) {
+        return shown(helpOf(*command));
+    }
+    return isGroup(words[0]) ? shown(helpOfGroup(words[0])) : wrong(noCommand(words[0]), "");
 }
 
 } // namespace
 
 Invocation readCommandLine(int argc, const char* const* argv) {
-    Invocation invocation;
-    CLI::App app{"Reads, sets and watches the parameters of the configuration service.", "kelctl"};
-    app.require_subcommand(1);
-    app.footer(kStatuses);
-    app.set_help_flag(kHelp.flags, kHelp.help)->group("Options of every command");
-    addOptions(app, invocation.options, 0);
-    app.add_flag_callback(
-        kVersion.flags, [] { throw CLI::CallForVersion("kelctl " KELCONF_VERSION, 0); },
-        kVersion.help);
-    std::vector<std::pair<const CLI::App*, const Command*>> known;
-    for (const Command& command : commands()) {
-        CLI::App* added = addCommand(app, command);
-        if (named(command, argc, argv)) {
-            setUp(*added, command, invocation.options);
+    std::vector<std::string> texts{argv, argv + argc}; // getopt_long moves the words about
+    std::vector<char*> words;
+    for (std::string& text : texts) {
+        words.push_back(text.data());
+    }
+    Reading reading;
+    int at = takeOptions(reading, words, nullptr);
+    if (!reading.fault.empty()) {
+        return wrong(reading.fault, "");
+    }
+    if (reading.version) {
+        return shown("kelctl " KELCONF_VERSION "\n");
+    }
+    std::vector<std::string> rest{words.begin() + std::min(at, argc), words.end()};
+    if (reading.help || (!rest.empty() && rest[0] == "help")) {
+        return helpOn(reading.help || rest.empty() ? std::vector<std::string>{}
+                                                   : std::vector(rest.begin() + 1, rest.end()));
+    }
+    if (rest.empty()) {
+        return wrong("a command is missing", "");
+    }
+    const bool group = isGroup(rest[0]);
+    const Command* command = commandOf(rest[0], rest.size() > 1 ? rest[1] : "");
+    if (command == nullptr) {
+        if (group && rest.size() > 1 && (rest[1] == "-h" || rest[1] == "--help")) {
+            return shown(helpOfGroup(rest[0]));
         }
-        known.emplace_back(added, &command);
+        return group ? wrong("a command of " + rest[0] + " is missing", rest[0])
+                     : wrong(noCommand(rest[0]), "");
     }
-    try {
-        const std::vector<const char*> words = withoutIdleMark(argc, argv);
-        app.parse(static_cast<int>(words.size()), words.data());
-    } catch (const CLI::CallForHelp&) {
-        out(app.help());
-        return invocation;
-    } catch (const CLI::CallForVersion& asked) {
-        out(std::string{asked.what()} + "\n");
-        return invocation;
-    } catch (const CLI::ParseError& error) {
-        invocation.status = badLine(app, error);
-        return invocation;
+    words.erase(words.begin(), words.begin() + at + (group ? 1 : 0));
+    at = takeOptions(reading, words, command);
+    if (reading.help && reading.fault.empty()) {
+        return shown(helpOf(*command));
     }
-    if (const char* reason = contradiction(invocation.options)) {
-        invocation.status = usageError(reason, app);
-        return invocation;
+    if (reading.version && reading.fault.empty()) {
+        return shown("kelctl " KELCONF_VERSION "\n");
     }
-    const auto parsed = std::find_if(known.begin(), known.end(),
-                                     [](const auto& entry) { return entry.first->parsed(); });
-    invocation.command = parsed->second;
-    return invocation;
+    Options& options = reading.invocation.options;
+    options.operands.assign(words.begin() + at, words.end());
+    if (reading.fault.empty()) {
+        reading.fault = operandFault(*command, options.operands);
+    }
+    if (const char* reason = contradiction(options); reading.fault.empty() && reason != nullptr) {
+        reading.fault = reason;
+    }
+    if (!reading.fault.empty()) {
+        return wrong(reading.fault, command->name);
+    }
+    reading.invocation.command = command;
+    return std::move(reading.invocation);
 }
 
 std::vector<OptionHelp> optionsOf(const Command* command) {
@@ -231,7 +414,7 @@ std::vector<OptionHelp> optionsOf(const Command* command) {
         options.push_back(kVersion);
     }
     for (const OptionRow& row : kOptions) {
-        if (row.bit == 0 || (command != nullptr && (row.bit & command->options) != 0)) {
+        if (has(row, command)) {
             options.push_back({row.flags, row.argument, row.help});
         }
     }

@@ -55,9 +55,9 @@ synopsis=$(grep -E '^ +kelctl [a-z]' <<<"$(sed '/^DESCRIPTION/q' <<<"$text")")
 described=$(sed -nE '/^OPTIONS/,/^OUTPUT/s/^ +(-[^ ].*)/ \1/p' <<<"$text" | options)
 everywhere=$("$kelctl" --help | help_options | sort -u | grep -vxE -- '-V|--version')
 # "tree check" is listed as "tree": a group has commands below it instead of options
-commands=$("$kelctl" --help | sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p' |
+commands=$("$kelctl" --help | sed -nE '/^Commands:/,/^$/s/^  ([a-z]+) .*/\1/p' |
     while read -r name; do
-        below=$("$kelctl" "$name" --help | sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p')
+        below=$("$kelctl" "$name" --help | sed -nE '/^Commands:/,/^$/s/^  ([a-z]+) .*/\1/p')
         echo "$name${below:+ $below}"
     done)
 same "commands" "$commands" "$(sed -E 's/^ +kelctl ([a-z]+( [a-z]+)?).*/\1/' <<<"$synopsis")"

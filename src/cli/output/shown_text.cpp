@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <nlohmann/json.hpp>
 
 namespace kelconf::cli {
 
@@ -22,6 +21,12 @@ std::size_t lengthByLead(unsigned char lead) {
     return lead < 0xE0U ? 2 : lead < 0xF0U ? 3 : 4;
 }
 
+void appendDigits(std::string& text, char byte) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    const auto number = static_cast<unsigned char>(byte);
+    text += {kDigits[number >> 4U], kDigits[number & 15U]};
+}
+
 } // namespace
 
 bool actsOnTerminal(char32_t code) {
@@ -31,9 +36,8 @@ bool actsOnTerminal(char32_t code) {
 }
 
 void appendHex(std::string& text, char byte) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    const auto number = static_cast<unsigned char>(byte);
-    text += {'\\', 'x', kDigits[number >> 4U], kDigits[number & 15U]};
+    text += "\\x";
+    appendDigits(text, byte);
 }
 
 void appendEscaped(std::string& text, std::string_view bytes) {
@@ -94,13 +98,26 @@ std::size_t shownWidth(std::string_view shown) {
 }
 
 std::string jsonText(std::string_view text) {
-    const bool plain = showsAsItIs(text) && text.find_first_of("\"\\") == std::string_view::npos;
-    if (plain) {
-        std::string quoted;
-        quoted.reserve(text.size() + 2);
-        return quoted.append("\"").append(text).append("\"");
+    constexpr std::string_view kShort = "\b\f\n\r\t\"\\";
+    constexpr std::string_view kLetters = "bfnrt\"\\";
+    std::string quoted = "\"";
+    while (!text.empty()) {
+        char32_t code = 0;
+        const std::size_t length = utf8Character(text, code);
+        const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
+        if (const std::size_t at = kShort.find(text[0]); at != std::string_view::npos) {
+            quoted.append(1, '\\').append(1, kLetters[at]);
+        } else if (length == 0) {
+            quoted += "\xEF\xBF\xBD"; // U+FFFD
+        } else if (code < 0x20U) {
+            quoted.append("\\u00");
+            appendDigits(quoted, text[0]);
+        } else {
+            quoted += character;
+        }
+        text.remove_prefix(character.size());
     }
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return quoted + "\"";
 }
 
 } // namespace kelconf::cli
