@@ -10,6 +10,7 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import sqlite3
 import subprocess
 import sys
@@ -37,14 +38,14 @@ def clear(tree: str = "") -> None:
 
 class Service:
     def __init__(self) -> None:
-        self.process = subprocess.Popen(["kelconfd"], stdout=subprocess.DEVNULL)
-        for _ in range(3000):
-            try:
-                kelbus.Client().list()
-                return
-            except kelbus.NoService:
-                time.sleep(0.02)
-        raise AssertionError("kelconfd does not answer")
+        pathlib.Path("/tmp/notify").unlink(missing_ok=True)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind("/tmp/notify")
+            manager.settimeout(LIMIT)
+            self.process = subprocess.Popen(["kelconfd"], stdout=subprocess.DEVNULL,
+                                            env=os.environ | {"NOTIFY_SOCKET": "/tmp/notify"})
+            if manager.recv(100) != b"READY=1":  # all endpoints are bound by then
+                raise AssertionError("kelconfd does not answer")
 
     def end(self, number: int = signal.SIGTERM) -> None:
         self.process.send_signal(number)
@@ -194,7 +195,7 @@ class Examples(unittest.TestCase):
         subprocess.run(["kelconf-init"], check=True)
         service = Service()
         self.addCleanup(service.end)
-        while b"kelconfd ready" not in (log := console.read_bytes()[before:]):
+        while b"get sync back end socket create success" not in (log := console.read_bytes()[before:]):
             time.sleep(0.01)
         self.assertNotIn(b"error", log)
         with kelbus.Client() as bus, sqlite3.connect("/mnt/nand/conf/default.db") as defaults:
