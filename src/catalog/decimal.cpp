@@ -49,6 +49,22 @@ std::optional<Decimal> decimalOf(std::string_view text) {
     return text.empty() ? number : std::nullopt;
 }
 
+std::string textOf(Decimal number) {
+    const bool negative = number < 0;
+    std::string digits; // the last one first
+    for (Decimal rest = negative ? -number : number; rest != 0; rest /= 10) {
+        digits += static_cast<char>('0' + static_cast<int>(rest % 10));
+    }
+    digits.resize(std::max(digits.size(), kDecimalDigits + 1), '0');
+    std::reverse(digits.begin(), digits.end());
+    digits.insert(digits.size() - kDecimalDigits, 1, '.');
+    digits.erase(digits.find_last_not_of('0') + 1);
+    if (digits.back() == '.') {
+        digits.pop_back();
+    }
+    return negative ? "-" + digits : digits;
+}
+
 bool isWhole(Decimal number) {
     Decimal one = 1;
     for (std::size_t i = 0; i < kDecimalDigits; ++i) {

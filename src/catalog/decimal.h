@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace kelconf {
@@ -22,6 +23,9 @@ std::optional<Decimal> takeDecimal(std::string_view& text);
 
 // The whole text as a number.
 std::optional<Decimal> decimalOf(std::string_view text);
+
+// As decimalOf reads it, without needless zeros.
+std::string textOf(Decimal number);
 
 bool isWhole(Decimal number);
 

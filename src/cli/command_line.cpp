@@ -1,6 +1,6 @@
 #include "cli/command_line.h"
 
-#include "cli/nearest.h"
+#include "cli/output/nearest.h"
 #include "cli/output/output.h"
 
 #include <getopt.h>
@@ -19,7 +19,8 @@ namespace kelconf::cli {
 namespace {
 
 using Field = std::variant<bool Options::*, double Options::*, std::uint64_t Options::*,
-                           std::string Options::*, std::vector<std::string> Options::*>;
+                           std::string Options::*, std::vector<std::string> Options::*,
+                           std::optional<std::string> Options::*>;
 
 struct OptionRow {
     std::uint32_t bit; // OptionBit; 0: every command has it
@@ -46,6 +47,16 @@ constexpr std::array kOptions = {
               "every parameter whose name begins with PREFIX"},
     OptionRow{kCount, "-c,--count", "N", &Options::count, "end after N changes"},
     OptionRow{kTimeout, "--timeout", "SECONDS", &Options::watch_timeout, "end after SECONDS"},
+    OptionRow{kLong, "-l,--long", nullptr, &Options::long_form,
+              "with type, range, step, options, default and access"},
+    OptionRow{kDefault, "--default", "TEXT", &Options::fallback,
+              "print TEXT as the value of a name that is unknown, which is then no error"},
+    OptionRow{kInitial, "-i,--initial", nullptr, &Options::initial,
+              "first the present values, then the changes, and nothing missed in between"},
+    OptionRow{kExec, "--exec", "COMMAND", &Options::command,
+              "run COMMAND in a shell for each change, one at a time, instead of printing it"},
+    OptionRow{kWait, "--wait", "SECONDS", &Options::watch_timeout,
+              "wait so long for the service to answer"},
     OptionRow{0, "--json", nullptr, &Options::json, "print JSON, for programs"},
     OptionRow{0, "-0,--null", nullptr, &Options::null_ended,
               "end entries with a zero byte: values may hold line breaks"},
@@ -53,6 +64,7 @@ constexpr std::array kOptions = {
               "show passwords instead of stars"},
     OptionRow{0, "--color", "WHEN", &Options::colour, "colour: auto, always or never"},
     OptionRow{0, "--no-color", nullptr, &Options::no_colour, "the same as --color never"},
+    OptionRow{0, "-q,--quiet", nullptr, &Options::quiet, "say nothing on standard error"},
     OptionRow{0, "--request-timeout", "SECONDS", &Options::request_timeout,
               "how long one request to the service may take (5)"},
 };
@@ -63,7 +75,7 @@ constexpr OptionHelp kVersion{"-V,--version", nullptr, "show the version"};
 constexpr const char* kStatuses =
     "Exit status: 0 done; 1 a name is unknown or a difference was found; 2 wrong usage or a value\n"
     "that is refused here; 3 no service, or no answer in time; 4 the service refused; 5 a broken\n"
-    "reply, file, input or output; 130 Ctrl-C.\n";
+    "reply, file, input or output; 6 status alone: 3 and 5 at once; 130 Ctrl-C.\n";
 
 constexpr double kLongest = 1e6; // seconds, so that milliseconds fit an int
 
@@ -135,7 +147,8 @@ void takeOption(Reading& reading, const OptionRow& row, const char* argument) {
             field = true;
         } else if constexpr (std::is_same_v<Type, std::vector<std::string>>) {
             field.emplace_back(argument);
-        } else if constexpr (std::is_same_v<Type, std::string>) {
+        } else if constexpr (std::is_same_v<Type, std::string> ||
+                             std::is_same_v<Type, std::optional<std::string>>) {
             field = argument;
         } else if constexpr (std::is_same_v<Type, double>) {
             if (!readNumber(argument, field) || !(field >= 0 && field <= kLongest)) {
@@ -386,6 +399,13 @@ Invocation readCommandLine(int argc, const char* const* argv) {
                      : wrong(noCommand(rest[0]), "");
     }
     words.erase(words.begin(), words.begin() + at + (group ? 1 : 0));
+    std::string mark = "--";
+    if (command->run == runAdd) { // "-5" is a number there, no option
+        const auto negative = std::find_if(words.begin(), words.end(), [](const char* word) {
+            return word[0] == '-' && word[1] >= '0' && word[1] <= '9';
+        });
+        words.insert(negative, mark.data());
+    }
     at = takeOptions(reading, words, command);
     if (reading.help && reading.fault.empty()) {
         return shown(helpOf(*command));
@@ -404,6 +424,7 @@ Invocation readCommandLine(int argc, const char* const* argv) {
     if (!reading.fault.empty()) {
         return wrong(reading.fault, command->name);
     }
+    beQuiet(options.quiet);
     reading.invocation.command = command;
     return std::move(reading.invocation);
 }

@@ -165,7 +165,7 @@ void offerSetting(std::string_view word) {
 }
 
 int offerArgument(std::string_view before, std::string_view argument, std::string_view word) {
-    if (argument == "NAME" || argument == "PREFIX") {
+    if (argument == "NAME" || argument == "NAME N" || argument == "PREFIX") {
         offerNames(before, word);
     } else if (argument == "NAME=VALUE") {
         offerSetting(word);

@@ -37,7 +37,7 @@ TEST(KelctlUsage, WrongLinesAreRefusedWithWhatToDo) {
     resetDevice(smallTree());
     play({
         {"kelctl", 2, "", "kelctl: a command is missing (kelctl --help shows the usage)\n"},
-        {"kelctl lst", 2, "", "there is no command lst"},
+        {"kelctl lst", 2, "", "there is no command lst; did you mean list?"},
         {"kelctl get", 2, "", "(kelctl get --help shows the usage)"},
         {"kelctl get a --bogus", 2, "", "--bogus"},
         {"kelctl get ''", 2, "", "an operand is empty"},
@@ -47,7 +47,16 @@ TEST(KelctlUsage, WrongLinesAreRefusedWithWhatToDo) {
         {"kelctl set =a", 2, "", "is not NAME=VALUE"},
         {"kelctl set --direct --no-db a=b", 2, "", "exclude each other"},
         {"kelctl set a=- b=- </dev/null", 2, "", "only one value"},
-        {"kelctl list a b", 2, "", "(kelctl list --help"},
+        {"kelctl status a", 2, "", "(kelctl status --help"},
+        {"kelctl get --bogus", 2, "", "there is no option --bogus"},
+        {"kelctl get --json=1 a", 2, "", "--json takes no argument"},
+        {"kelctl reset --prefix", 2, "", "--prefix needs an argument"},
+        {"kelctl watch --count 0", 2, "", "--count is a number from 1 on"},
+        {"kelctl watch --count -1", 2, "", "--count is a number from 1 on"},
+        {"kelctl watch --timeout=", 2, "", "a time limit is a number"},
+        {"kelctl tree", 2, "", "(kelctl tree --help"},
+        {"kelctl help tree check | head -2 | tail -1", 0,
+         "Usage: kelctl tree check [OPTIONS] FILE\n"},
         {"kelctl reset --yes", 2, "", "--prefix or --all"},
         {"kelctl reset --yes --all a", 2, "", "one of them"},
         {"kelctl reset --all", 2, "", "--yes says yes"},
@@ -58,8 +67,8 @@ TEST(KelctlUsage, WrongLinesAreRefusedWithWhatToDo) {
         {"kelctl import /nowhere", 5, "", "kelctl: /nowhere: No such file"},
         {"kelctl --version | grep -c '^kelctl [0-9.]*$'", 0, "1\n"},
         {"kelctl --help | grep -cE '^  "
-         "(get|set|list|group|watch|diff|reset|export|import|info|status) '",
-         0, "11\n"},
+         "(get|set|list|group|watch|diff|reset|export|import|info|status|batch) '",
+         0, "12\n"},
         {"for c in get set list group watch diff reset export import info status; do"
          " kelctl $c --help | grep -c '^Exit status: 0 done'; done | uniq -c | tr -s ' '",
          0, " 11 1\n"},
@@ -87,6 +96,12 @@ TEST(KelctlUsage, WithoutTheServiceEveryCommandEndsWithStatus3) {
         {"kelctl status", 3,
          "service=down\n/mnt/nand/conf/default.db=sound, 8 parameters\n"
          "/mnt/nand/conf/conf.db=missing\n/mnt/backup/conf/conf_backup.db=missing\n"},
+        {"kelctl wait --timeout 0.1 cam.port=80", 3, "", "cam.port did not become the value"},
+        {"kelctl -q get cam.port", 3, ""},
+        {"printf x >>/mnt/nand/conf/default.db; kelctl --json status | grep -o "
+         "'default.*damaged\"'",
+         0, "default.db\",\"in_order\":false,\"state\":\"damaged\"\n"},
+        {"kelctl -q status >/dev/null", 6, ""},
         {"rm /mnt/nand/conf/default.db; kelctl diff", 5, "", "kelconf-init builds the file"},
     });
 }
@@ -142,6 +157,55 @@ TEST(KelctlCommands, ReadAndSet) {
         {"rm /mnt/nand/conf/default.db; kelctl set cam.port=0; kelctl get cam.port", 0,
          "cam.port=0\n", "not checked against range, step and options"},
     });
+}
+
+TEST(KelctlCommands, FindStepAndWait) {
+    const Device device{smallTree()};
+    play({
+        {"kelctl list 'cam.[mn]*' cam.po", 0, "cam.mode=auto\ncam.name=camera\ncam.port=80\n"},
+        {"kelctl list cam.po 'x*' y", 1, "cam.port=80\n", "no name begins with y"},
+        {"kelctl list cam.po 'x*' y", 1, "cam.port=80\n", "no name matches x*"},
+        {"kelctl list -- --json", 1, "", "no name begins with --json"},
+        {"kelctl diff -- --json; kelctl export -- -n", 1, "# kelctl export, format 1\n", "with -n"},
+        {"kelctl diff nothing.", 1, "", "no name begins with nothing."},
+        {"kelctl reset --yes --prefix nothing.", 1, "", "no name begins with nothing."},
+        {"kelctl list --long cam.port", 0,
+         "cam.port=80  int, range 1,65535, step 1, default 80, access rw\n"},
+        {"kelctl search MANUAL; kelctl search cam Era; kelctl search k-1 --long", 1,
+         "cam.mode=auto\ncam.name=camera\n", "nothing found"}, // k-1 is a secret
+        {"kelctl exists cam.port cam.mode", 0, ""},
+        {"kelctl exists cam.port cam.no", 1, ""},
+        {"kelctl get cam.prot", 1, "", "unknown name cam.prot; did you mean cam.port?"},
+        {"kelctl get --default 7 cam.no cam.port", 0, "cam.no=7\ncam.port=80\n"},
+        {"kelctl toggle cam.mode; kelctl toggle private.encrypt_campass; kelctl list -n cam.mode p",
+         0, "manual\n0\n"},
+        {"kelctl toggle cam.port", 2, "", "none of two values"},
+        {"kelctl add cam.port 5; kelctl add --direct cam.port -7.50; kelctl get cam.port", 0,
+         "cam.port=85\n", "must be a whole number"},
+        {"kelctl add cam.port -85", 2, "", "must be 1 to 65535"},
+        {"kelctl add cam.name 1", 2, "", "is no number"},
+        {"kelctl add --force cam.port -85.25; kelctl get -n cam.port", 0, "-0.25\n"},
+        {"(sleep 0.2; kelctl set cam.name=x cam.text=y) & kelctl wait cam.text=y cam.name=x", 0,
+         ""},
+        {"kelctl wait cam.text=y", 0, ""},
+        {"kelctl watch --initial --count 2 cam.n 'cam.t?xt' | cut -c25-", 0,
+         "cam.name=x\ncam.text=y\n"},
+        {"kelctl watch --initial --json --count 1 cam.n | cut -d, -f2-", 0,
+         "\"name\":\"cam.name\",\"value\":\"x\",\"prev_value\":null}\n"},
+        {"kelctl set 'cam.text=$(id); exit 1'; kelctl watch --initial --count 1 --exec"
+         " 'echo \"$KELCTL_NAME: $KELCTL_VALUE${KELCTL_PREV_VALUE-, first}\"; exit 3' cam.text",
+         0, "cam.text: $(id); exit 1, first\n", "the command for cam.text ended with status 3"},
+        {"printf 'get cam.name # c\\nset \"cam.name=a b\"\\nget -n cam.name\\nget no\\nget \"\\n'"
+         " | kelctl batch",
+         1, "cam.name=x\na b\n", "line 5: a quote is not closed"},
+        {"kelctl status --wait 9 | head -1", 0, "service=up\n"},
+        {"echo cam.name=1 >/tmp/1; echo cam.name=2 >/tmp/2; kelctl import /tmp/1 /tmp/2; "
+         "kelctl get cam.name",
+         0, "cam.name=2\n"},
+    });
+    device.service->signal(SIGSTOP); // hangs: a watch ends all the same, and at once
+    play({{"kelctl watch --timeout 0.1", 0, ""}});
+    device.service->signal(SIGCONT);
 }
 
 TEST(KelctlCommands, StatusTellsWhichFileIsNotInOrder) {

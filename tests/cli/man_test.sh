@@ -46,7 +46,7 @@ for source in "$project"/man/*.scd; do
 done
 
 same "kelbus(3) has the functions of the header" \
-    "$(words '\bkelbus_[a-z_]+\(' <"$project/include/kelbus.h")" \
+    "$(words '\bkelbus_[a-z_]+\(' < <(cat "$project"/include/*.h))" \
     "$(rendered kelbus.3 | words '\bkelbus_[a-z_]+\(')"
 
 kelctl=$build/bin/kelctl

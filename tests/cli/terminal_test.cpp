@@ -60,6 +60,8 @@ TEST(KelctlTerminal, ResetAsksAndTakesOnlyAYes) {
 
 TEST(KelctlTerminal, ATypedPasswordIsNotShown) {
     const Device device{smallTree()};
+    Terminal by_type{{"kelctl", "set", "cam.key=-"}}; // its name tells nothing
+    by_type.await("cam.key (not shown): ");
     for (const bool sent : {false, true}) {
         Terminal terminal{
             {"sh", "-c", "trap : INT; kelctl set cam.passwd=-; echo =$?; stty -a | grep -ow echo"}};

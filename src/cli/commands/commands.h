@@ -19,7 +19,12 @@ enum OptionBit : std::uint32_t {
     kAll = 1U << 6U,
     kPrefix = 1U << 7U,
     kCount = 1U << 8U,
-    kTimeout = 1U << 9U
+    kTimeout = 1U << 9U,
+    kLong = 1U << 10U,
+    kDefault = 1U << 11U,
+    kInitial = 1U << 12U,
+    kExec = 1U << 13U,
+    kWait = 1U << 14U
 };
 
 inline constexpr int kAnyNumber = -1;
@@ -42,8 +47,14 @@ std::span<const Command> commands();
 int runGet(const Options& options);
 int runSet(const Options& options);
 int runList(const Options& options);
+int runSearch(const Options& options);
+int runExists(const Options& options);
 int runGroup(const Options& options);
 int runWatch(const Options& options);
+int runWait(const Options& options);
+int runToggle(const Options& options);
+int runAdd(const Options& options);
+int runBatch(const Options& options);
 int runDiff(const Options& options);
 int runReset(const Options& options);
 int runExport(const Options& options);

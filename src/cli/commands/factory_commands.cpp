@@ -69,17 +69,11 @@ int deviationsToReset(const Bus& bus, const Options& options, const FactoryRows&
     if (!options.operands.empty()) {
         return namedDeviations(bus, options.operands, factory, deviations);
     }
-    const std::vector<std::string> prefixes =
-        options.all ? std::vector<std::string>{""} : options.prefixes;
-    for (const std::string& prefix : prefixes) {
-        if (int status = findDeviations(bus, prefix, factory, deviations); status != kDone) {
-            return status;
-        }
-    }
-    return kDone;
+    Patterns patterns{options.all ? std::vector<std::string>{} : options.prefixes};
+    return findDeviations(bus, patterns, factory, deviations);
 }
 
-// One name may have come by several ways.
+// One name may have been given twice.
 void makeUnique(std::vector<Deviation>& deviations) {
     const auto less = [](const Deviation& a, const Deviation& b) { return a.name < b.name; };
     const auto same = [](const Deviation& a, const Deviation& b) { return a.name == b.name; };
@@ -116,19 +110,19 @@ int resetTo(const Bus& bus, const Options& options, const std::vector<Deviation>
 } // namespace
 
 int runDiff(const Options& options) {
-    const std::string prefix = options.operand();
+    Patterns patterns{options.operands};
     FactoryRows factory;
     Bus bus;
     std::vector<Deviation> deviations;
     int status = readFactory(factory, false);
     status = status != kDone ? status : openBus(options, bus);
-    status = status != kDone ? status : findDeviations(bus, prefix, factory, deviations);
-    if (status != kDone) {
+    status = status != kDone ? status : findDeviations(bus, patterns, factory, deviations);
+    if (status != kDone && status != kDifferent) {
         return status;
     }
     printDifferences(options, differencesOf(deviations, Secrets{options.show_secrets}, false),
                      "default", "value");
-    return deviations.empty() ? kDone : kDifferent;
+    return deviations.empty() ? status : kDifferent;
 }
 
 int runReset(const Options& options) {

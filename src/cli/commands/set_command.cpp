@@ -18,7 +18,7 @@ namespace {
 bool readValue(Change& change) {
     change.value.clear();
     if (onTerminal(STDIN_FILENO)) {
-        if (secretByName(change.name)) {
+        if (Secrets{false, {change.name}}.hides(change.name)) {
             return readHiddenLine(change.name, change.value);
         }
         complain("type the value of " + change.name + ", then Ctrl-D");

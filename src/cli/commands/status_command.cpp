@@ -8,7 +8,10 @@
 #include "cli/session/store_state.h"
 #include "paths.h"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
+#include <thread>
 
 namespace kelconf::cli {
 
@@ -20,7 +23,8 @@ constexpr std::array<StoreFile, 3> kFiles = {
      {paths::kBackupDb, paths::kBackupDbMd5, nullptr, nullptr, "CONFIG"}}};
 
 struct Service {
-    std::string words; // "up", or why not
+    std::string words;           // "up", or why not
+    const char* word = "failed"; // in one: "up", "down", "silent" or "failed"
     std::size_t parameters = 0;
     int status = kDone;
 };
@@ -37,10 +41,26 @@ Service askService(const Options& options) {
     const Values values{raw};
     service.status = exitStatus(error);
     if (error == KELBUS_OK) {
-        service.words = "up";
+        service.words = service.word = "up";
         service.parameters = values->count;
+    } else if (error == KELBUS_NO_SERVICE) {
+        service.words = service.word = "down";
     } else {
-        service.words = error == KELBUS_NO_SERVICE ? "down" : kelbus_strerror(error);
+        service.words = kelbus_strerror(error);
+        service.word = error == KELBUS_TIMEOUT ? "silent" : "failed";
+    }
+    return service;
+}
+
+// Asks again, for as long as --wait says, until the service is up.
+Service awaitService(const Options& options) {
+    constexpr std::chrono::milliseconds kPause{50};
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>{options.watch_timeout};
+    Service service = askService(options);
+    while (service.status == kNoService && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(kPause);
+        service = askService(options);
     }
     return service;
 }
@@ -52,14 +72,15 @@ std::string wordsOf(const StoreState& state) {
 
 void printJsonStatus(const Service& service, const std::array<StoreState, kFiles.size()>& states) {
     std::string object = "{";
-    addMember(object, "service", jsonText(service.words));
+    addMember(object, "service", jsonText(service.word));
     addMember(object, "parameters", std::to_string(service.parameters));
     std::string files;
     for (std::size_t i = 0; i < kFiles.size(); ++i) {
         std::string file = "{";
         addMember(file, "path", jsonText(kFiles[i].path));
         addMember(file, "in_order", states[i].in_order ? "true" : "false");
-        addMember(file, "state", jsonText(states[i].words));
+        addMember(file, "state", jsonText(states[i].word));
+        addMember(file, "reason", jsonText(states[i].words));
         addMember(file, "parameters", std::to_string(states[i].rows));
         files.append(files.empty() ? "" : ",").append(file).append("}");
     }
@@ -70,7 +91,7 @@ void printJsonStatus(const Service& service, const std::array<StoreState, kFiles
 } // namespace
 
 int runStatus(const Options& options) {
-    const Service service = askService(options);
+    const Service service = awaitService(options);
     std::array<StoreState, kFiles.size()> states;
     bool in_order = true;
     std::array<std::string, kFiles.size()> words;
@@ -90,10 +111,14 @@ int runStatus(const Options& options) {
     } else {
         printRows(options, rows);
     }
-    if (service.status != kDone) {
-        return service.status;
+    // Before the first start of the service its files are missing rightly.
+    const bool harmed = std::any_of(states.begin(), states.end(), [](const StoreState& state) {
+        return !state.in_order && state.words != "missing";
+    });
+    if (service.status == kNoService && harmed) {
+        return kDownAndBroken;
     }
-    return in_order ? kDone : kBroken;
+    return service.status != kDone || in_order ? service.status : int{kBroken};
 }
 
 } // namespace kelconf::cli

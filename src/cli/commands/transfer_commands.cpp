@@ -46,8 +46,10 @@ int readExport(const std::string& path, std::vector<Change>& changes) {
 // Takes out what is as it is to be already; the rest learns its live value.
 int compareWithLive(const Bus& bus, std::vector<Change>& changes) {
     std::unordered_map<std::string, std::string> live;
-    int status = forEachLive(
-        bus, "", [&](std::string_view name, std::string_view value) { live.emplace(name, value); });
+    Patterns all{{}};
+    int status = forEachLive(bus, all, [&](std::string_view name, std::string_view value) {
+        live.emplace(name, value);
+    });
     if (status != kDone) {
         return status;
     }
@@ -77,8 +79,26 @@ void showChanges(const Options& options, const std::vector<Change>& changes) {
     printDifferences(options, differences, "value", "new_value");
 }
 
+// Of a name that stands in several files the last value counts.
+void keepLast(std::vector<Change>& changes) {
+    std::unordered_set<std::string_view> seen;
+    std::vector<Change> kept;
+    for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
+        if (seen.insert(change->name).second) {
+            kept.push_back(*change);
+        }
+    }
+    std::reverse(kept.begin(), kept.end());
+    changes = std::move(kept);
+}
+
 int prepareImport(const Bus& bus, const Options& options, std::vector<Change>& changes) {
-    int status = readExport(options.operands.front(), changes);
+    int status = kDone;
+    for (const std::string& path : options.operands) {
+        const int read = readExport(path, changes);
+        status = read == kDone ? status : read;
+    }
+    keepLast(changes);
     status = status != kDone ? status : compareWithLive(bus, changes);
     if (status == kDone && !allAllowed(changes, options.force)) {
         status = kUsage;
@@ -96,7 +116,7 @@ int runExport(const Options& options) {
         complain("export has a form of its own; list takes --json and --null");
         return kUsage;
     }
-    const std::string prefix = options.operand();
+    Patterns patterns{options.operands};
     const Secrets secrets{options.show_secrets};
     std::unordered_set<std::string> states;
     if (Catalog catalog; catalog) {
@@ -109,19 +129,19 @@ int runExport(const Options& options) {
         return status;
     }
     std::string text{kExportHeader};
-    bool none = true;
-    const int status = forEachLive(bus, prefix, [&](std::string_view name, std::string_view value) {
-        none = false;
-        if (!isState(name, states.contains(std::string{name}) ? kRealtime : "")) {
-            out(text);
-            text = secrets.hides(name) ? exportNote(name, "secret, left out without --show-secrets")
-                                       : exportLine(name, value);
-        }
-    });
-    if (status == kDone) { // without an answer nothing is written, not even the header
+    const int status =
+        forEachLive(bus, patterns, [&](std::string_view name, std::string_view value) {
+            if (!isState(name, states.contains(std::string{name}) ? kRealtime : "")) {
+                out(text);
+                text = secrets.hides(name)
+                           ? exportNote(name, "secret, left out without --show-secrets")
+                           : exportLine(name, value);
+            }
+        });
+    if (status == kDone || status == kDifferent) { // without an answer not even the header
         out(text);
     }
-    return status != kDone ? status : saidNoneBelow(prefix, none);
+    return status;
 }
 
 int runImport(const Options& options) {

@@ -57,7 +57,9 @@ void printAligned(const Style& style, const std::vector<Row>& rows) {
             const std::string name = shownText(row.name);
             const std::size_t taken = shownWidth(name);
             out(inked(style, Ink::kName, name));
-            out(std::string(taken < width ? width - taken : 0, ' ') + "  ");
+            if (!row.value.empty()) {
+                out(std::string(taken < width ? width - taken : 0, ' ') + "  ");
+            }
             out(inked(style, valueInk(row.value), shownText(row.value)) + "\n");
         }
     }

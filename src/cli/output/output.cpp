@@ -21,6 +21,7 @@ constexpr std::size_t kGathered = std::size_t{64} * 1024;
 struct Standard {
     std::string gathered; // not written yet
     int failure = 0;      // errno of the first write that failed
+    bool quiet = false;
 };
 
 Standard& standard() {
@@ -88,7 +89,14 @@ int finishOutput(int status) {
     return kBroken;
 }
 
+void beQuiet(bool quiet) {
+    standard().quiet = quiet;
+}
+
 void complain(std::string_view text) {
+    if (standard().quiet) {
+        return;
+    }
     const std::string line = "kelctl: " + shownText(text) + "\n";
     put(STDERR_FILENO, line);
 }

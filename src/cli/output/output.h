@@ -23,6 +23,8 @@ int finishOutput(int status);
 
 // One line on standard error: "kelctl: TEXT". Control characters are shown as escapes.
 void complain(std::string_view text);
+// From here on complain says nothing, or again.
+void beQuiet(bool quiet);
 
 void toStandardError(std::string_view bytes); // as it is
 

@@ -3,6 +3,7 @@
 #include "cli/output/output.h"
 
 #include <string>
+#include <utility>
 
 namespace kelconf::cli {
 
@@ -12,11 +13,31 @@ namespace {
 constexpr std::size_t kGroupBytes = 8;
 constexpr double kMilliseconds = 1000;
 
+bool keeps_client = false;
+kelbus* kept_client = nullptr;
+
 } // namespace
 
+void CloseClient::operator()(kelbus* client) const noexcept {
+    if (keeps_client && kept_client == nullptr) {
+        kept_client = client;
+    } else {
+        kelbus_close(client);
+    }
+}
+
+void keepClient() {
+    keeps_client = true;
+}
+
+void dropClient() {
+    keeps_client = false;
+    kelbus_close(std::exchange(kept_client, nullptr));
+}
+
 int openBus(const Options& options, Bus& bus) {
-    kelbus* client = nullptr;
-    const kelbus_error error = kelbus_open(&client);
+    kelbus* client = std::exchange(kept_client, nullptr);
+    const kelbus_error error = client != nullptr ? KELBUS_OK : kelbus_open(&client);
     bus.client.reset(client);
     bus.limit = static_cast<int>(options.request_timeout * kMilliseconds);
     return error == KELBUS_OK ? kDone : saidFailure(bus, error);
@@ -82,14 +103,6 @@ int fetchListing(const Bus& bus, std::string_view prefix, Values& values) {
     }
     values.reset(raw);
     return error == KELBUS_OK ? kDone : saidFailure(bus, error);
-}
-
-int saidNoneBelow(std::string_view prefix, bool none) {
-    if (!none || prefix.empty()) {
-        return kDone;
-    }
-    complain("no name begins with " + std::string{prefix} + "; kelctl list shows all names");
-    return kDifferent;
 }
 
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values) {

@@ -12,7 +12,7 @@
 namespace kelconf::cli {
 
 struct CloseClient {
-    void operator()(kelbus* client) const noexcept { kelbus_close(client); }
+    void operator()(kelbus* client) const noexcept;
 };
 struct FreeValues {
     void operator()(kelbus_values* values) const noexcept { kelbus_values_free(values); }
@@ -23,6 +23,10 @@ struct Bus {
     std::unique_ptr<kelbus, CloseClient> client;
     int limit = 0; // milliseconds for one request
 };
+
+// Between the two calls a client that is closed is kept for the next command of this process.
+void keepClient();
+void dropClient();
 
 // kDone, or the failure, said. Needs no running service.
 int openBus(const Options& options, Bus& bus);
@@ -41,9 +45,6 @@ int fetchListing(const Bus& bus, std::string_view prefix, Values& values);
 
 // The values of these names, in their order; of an unknown one the value is null. kDone also then.
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values);
-
-// The status of a listing that may be empty: with a prefix that is an unknown name, said.
-int saidNoneBelow(std::string_view prefix, bool none);
 
 inline bool startsWith(std::string_view name, std::string_view prefix) {
     return name.substr(0, prefix.size()) == prefix;

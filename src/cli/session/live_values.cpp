@@ -6,16 +6,18 @@
 
 namespace kelconf::cli {
 
-int forEachLive(const Bus& bus, std::string_view prefix, const LiveVisitor& visit) {
+int forEachLive(const Bus& bus, Patterns& patterns, const LiveVisitor& visit) {
     Values values;
-    const int status = fetchListing(bus, prefix, values);
-    for (std::size_t i = 0; status == kDone && i < values->count; ++i) {
+    if (int status = fetchListing(bus, patterns.common(), values); status != kDone) {
+        return status;
+    }
+    for (std::size_t i = 0; i < values->count; ++i) {
         const kelbus_parameter& item = values->items[i];
-        if (startsWith(item.name, prefix)) {
+        if (patterns.match(item.name)) {
             visit(item.name, viewOf(item.value));
         }
     }
-    return status;
+    return patterns.saidUnmatched() ? kDifferent : kDone;
 }
 
 int readFactory(FactoryRows& rows, bool sound) {
@@ -36,9 +38,9 @@ int readFactory(FactoryRows& rows, bool sound) {
     return kDone;
 }
 
-int findDeviations(const Bus& bus, std::string_view prefix, const FactoryRows& factory,
+int findDeviations(const Bus& bus, Patterns& patterns, const FactoryRows& factory,
                    std::vector<Deviation>& deviations) {
-    return forEachLive(bus, prefix, [&](std::string_view name, std::string_view value) {
+    return forEachLive(bus, patterns, [&](std::string_view name, std::string_view value) {
         const auto row = factory.find(std::string{name});
         if (row != factory.end() && !isState(name, row->second.type) &&
             row->second.default_value != value) {

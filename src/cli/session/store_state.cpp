@@ -118,24 +118,28 @@ StoreState look(const StoreFile& file) {
     Bytes content;
     Bytes sidecar;
     if (const int failure = readBytes(file.path, content); failure != 0) {
-        return {false, failure == ENOENT ? "missing" : unreadable(failure), 0};
+        return failure == ENOENT ? StoreState{false, "missing", "missing", 0}
+                                 : StoreState{false, unreadable(failure), "unreadable", 0};
     }
     StoreState state;
     if (const int failure = readBytes(file.sidecar, sidecar, kDigestSize); failure != 0) {
-        state.words =
-            failure == ENOENT ? "its sidecar is missing" : "its sidecar " + unreadable(failure);
+        state = {false,
+                 failure == ENOENT ? "its sidecar is missing"
+                                   : "its sidecar " + unreadable(failure),
+                 "unsealed", 0};
     } else if (journalBeside(file)) {
-        state.words = "an unfinished write waits in its journal";
+        state = {false, "an unfinished write waits in its journal", "unfinished", 0};
     } else if (digestOf(content) == sidecar) {
-        state = {true, "sound", 0};
+        state = {true, "sound", "sound", 0};
+    } else if (writtenSince(file, content)) {
+        state = {false, "written after it was sealed", "unfinished", 0};
     } else {
-        state.words = writtenSince(file, content) ? "written after it was sealed"
-                                                  : "damaged: does not match its sidecar";
+        state = {false, "damaged: does not match its sidecar", "damaged", 0};
     }
     state.rows = countRows(content, file.table);
     if (state.rows < 0) {
         state = {false, state.in_order ? "holds no table " + std::string{file.table} : state.words,
-                 0};
+                 "damaged", 0};
     }
     return state;
 }

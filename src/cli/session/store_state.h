@@ -18,6 +18,8 @@ struct StoreFile {
 struct StoreState {
     bool in_order = false;
     std::string words;     // "sound", "missing", or what is wrong
+    const char* word = ""; // the same in one: "sound", "missing", "unreadable", "unsealed",
+                           // "unfinished" or "damaged"
     std::int64_t rows = 0; // parameters in it, where it could be read
 };
 

@@ -1,4 +1,4 @@
-#include "cli/nearest.h"
+#include "cli/output/nearest.h"
 
 #include <algorithm>
 #include <array>
