@@ -60,6 +60,7 @@ int runLine(const std::string& line, std::size_t number) {
         return kDone;
     }
     std::vector<const char*> texts;
+    texts.reserve(words.size());
     for (const std::string& word : words) {
         texts.push_back(word.c_str());
     }

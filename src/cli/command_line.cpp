@@ -370,6 +370,7 @@ Invocation helpOn(const std::vector<std::string>& words) {
 Invocation readCommandLine(int argc, const char* const* argv) {
     std::vector<std::string> texts{argv, argv + argc}; // getopt_long moves the words about
     std::vector<char*> words;
+    words.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         words.push_back(text.data());
     }

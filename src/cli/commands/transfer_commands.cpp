@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace kelconf::cli {
 
@@ -81,14 +83,16 @@ void showChanges(const Options& options, const std::vector<Change>& changes) {
 
 // Of a name that stands in several files the last value counts.
 void keepLast(std::vector<Change>& changes) {
-    std::unordered_set<std::string_view> seen;
+    std::unordered_map<std::string_view, const Change*> last;
+    for (const Change& change : changes) {
+        last[change.name] = &change;
+    }
     std::vector<Change> kept;
-    for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
-        if (seen.insert(change->name).second) {
-            kept.push_back(*change);
+    for (const Change& change : changes) {
+        if (last[change.name] == &change) {
+            kept.push_back(change);
         }
     }
-    std::reverse(kept.begin(), kept.end());
     changes = std::move(kept);
 }
 
