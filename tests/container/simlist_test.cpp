@@ -159,6 +159,8 @@ TEST_F(Simlist, HashFollowsOrderCountAndContent) {
     std::uint32_t hash = 77; // what the variable held before must not matter
     EXPECT_EQ(simlist_hash(&list, &hash), -1);
     simlist_attributes_hash_computer(&list, simlist_hashcomputer_uint32_t);
+    EXPECT_EQ(simlist_hash(&list, &hash), 0);
+    EXPECT_EQ(hash, 100U) << "of no element: others may end alike from different beginnings";
     for (const std::uint32_t& value : values) {
         simlist_append(&list, &value);
     }

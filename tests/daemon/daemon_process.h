@@ -85,6 +85,13 @@ class Daemon {
         }
         return received(notifications_).starts_with("READY=1");
     }
+    // What it tells its service manager next.
+    [[nodiscard]] std::string awaitWord() const {
+        pollfd source{notifications_.get(), POLLIN, 0};
+        return poll(&source, 1, kDeadline) > 0 ? received(notifications_) : "nothing in time";
+    }
+    // False for each thing that it has told before.
+    [[nodiscard]] bool saidNothing() const { return received(notifications_).empty(); }
     void signal(int number) const {
         if (process_ > 0) { // -1 would be everybody
             ::kill(process_, number);

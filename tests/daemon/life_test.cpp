@@ -124,6 +124,23 @@ TEST(Start, OfASecondIsRefusedAndDisturbsNothing) {
     runOnce(); // the lock ends with its process
 }
 
+TEST(Watchdog, IsFedByAServiceThatAnswersAndNotByOneThatIsStopped) {
+    resetDevice(treeOf(kWord));
+    Daemon daemon{{"WATCHDOG_USEC=100000"}};
+    ASSERT_TRUE(daemon.awaitReady());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(daemon.awaitWord(), "WATCHDOG=1");
+    }
+    daemon.signal(SIGSTOP);
+    siginfo_t stopped{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(daemon.process()), &stopped, WSTOPPED), 0);
+    while (!daemon.saidNothing()) {
+    }
+    daemon.signal(SIGCONT);
+    EXPECT_EQ(daemon.awaitWord(), "WATCHDOG=1");
+    EXPECT_EQ(daemon.stop(), 0) << "also while it is fed";
+}
+
 // Of a group that this process has no right to.
 TEST(Files, AreNotOpenToEverybody) {
     const std::string groups = readFile("/etc/group");
