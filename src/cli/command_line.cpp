@@ -53,6 +53,8 @@ constexpr std::array kOptions = {
               "print TEXT as the value of a name that is unknown, which is then no error"},
     OptionRow{kInitial, "-i,--initial", nullptr, &Options::initial,
               "first the present values, then the changes, and nothing missed in between"},
+    OptionRow{kChanged, "--changed", nullptr, &Options::changed,
+              "only what differs from its factory default"},
     OptionRow{kExec, "--exec", "COMMAND", &Options::command,
               "run COMMAND in a shell for each change, one at a time, instead of printing it"},
     OptionRow{kWait, "--wait", "SECONDS", &Options::watch_timeout,

@@ -47,6 +47,7 @@ struct Options {
     bool long_form = false;
     std::optional<std::string> fallback; // get --default
     bool initial = false;
+    bool changed = false;
     std::string command; // --exec
     std::vector<std::string> operands;
 

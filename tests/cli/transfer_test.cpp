@@ -61,6 +61,12 @@ TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
         {"cam.name=x\ncam.no=1\n", 1, "/tmp/f:2: unknown name cam.no"},
         {"cam.name=x\ncam.port=0\n", 2, "/tmp/f:2: cam.port: must be 1 to 65535"},
         {"cam.name=x\ncam.passwd=a=b\n", 2, "/tmp/f:2: cam.passwd: a password with"},
+        {"{\"cam.name\":\"x\",\"cam.name\":\"y\"}", 2, "/tmp/f: cam.name: stands there twice"},
+        {"{\"cam.name\":\"x\",\"cam.text\":[1]}", 2, "/tmp/f: cam.text: is neither a text nor"},
+        {"{\"cam.name\":\"x\"", 2, "/tmp/f: no JSON"},
+        {"{\"cam.name\":\"x\",\"cam.text\":\"\\u0001\"}", 2,
+         "cam.text: the value holds the control"},
+        {"{\"cam.name\":\"x\",\"cam.port\":0.0}", 2, "/tmp/f: cam.port: must be"},
     };
     for (const auto& row : table) {
         writeFile("/tmp/f", row.content);
@@ -76,6 +82,40 @@ TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
               "-cam.name=camera\n+cam.name=new name\n");
     EXPECT_EQ(listed(), before);
     EXPECT_EQ(shell("kelctl import - </tmp/f && kelctl get -n cam.name").out, "new name\n");
+}
+
+TEST(KelctlTransfer, JsonAndTheEditorBringTheSame) {
+    const Device device{smallTree()};
+    const auto expect = [](const char* line, int status, const std::string& out) {
+        const ProgramResult result = shell(line);
+        EXPECT_EQ(result.status, status) << line << "\n" << result.err;
+        EXPECT_EQ(result.out, out) << line;
+        return result.err;
+    };
+    writeFile("/tmp/j", "\n{\"cam.name\":true,\"cam.port\":81,\"cam.text\":\"\\\"\\u00e9\\n\"}");
+    expect(
+        "kelctl diff /tmp/j", 1,
+        "-cam.name=camera\n+cam.name=1\n-cam.port=80\n+cam.port=81\n-cam.text=\n+cam.text=\"é\n\n");
+    expect("kelctl import /tmp/j; kelctl export --changed --json | tee /tmp/k", 0,
+           "{\n\"cam.name\":\"1\",\n\"cam.port\":\"81\",\n\"cam.text\":\"\\\"é\\n\"\n}\n");
+    expect("kelctl reset --yes --all; kelctl import /tmp/k; kelctl diff - </tmp/k", 0, "");
+    expect("kelctl diff cam. /tmp/k", 2, "");
+    EXPECT_NE(expect("EDITOR=true kelctl edit --yes", 0, "").find("nothing was changed"),
+              std::string::npos);
+    EXPECT_NE(expect("EDITOR=false kelctl edit --yes", 5, "").find("nothing was set"),
+              std::string::npos);
+    expect("EDITOR=\"sed -i s/port=81/port=82/\" kelctl edit --yes cam.; ls /tmp/kelctl-edit.*", 2,
+           "-cam.port=81\n+cam.port=82\n");
+    const std::string said = expect("VISUAL='sed -i s/=82/=0/' kelctl edit --yes cam.", 2, "");
+    EXPECT_NE(said.find(":6: cam.port: must be 1 to 65535"), std::string::npos) << said;
+    expect("grep -c =0 /tmp/kelctl-edit.*; stat -c %a /tmp/kelctl-edit.*; kelctl get cam.port", 0,
+           "1\n600\ncam.port=82\n");
+    ASSERT_EQ(shell("kelctl set cam.key=hidden").status, 0);
+    Terminal terminal{{"kelctl", "edit", "--show-secrets"}, {"EDITOR=sed -i s/=hidden/=seen/"}};
+    terminal.await("+cam.key=seen");
+    terminal.await("Set 1 parameter? [y/N] ");
+    terminal.type("y\n");
+    EXPECT_EQ(terminal.awaitEnd(), 0);
 }
 
 constexpr int kMany = 3000;

@@ -65,7 +65,9 @@ constexpr std::array kCommands = {
     Command{
         "diff", "PREFIX", "beginnings of the names, or patterns; without it all", 0, kAnyNumber, 0,
         "print the values that differ from their factory defaults",
-        "Lines with - have the default, lines with + the live value. The exit status is 1 when\n"
+        "A word with a slash, or -, is a file that export has printed: shown is then what import\n"
+        "would change. Lines with - have the default, lines with + the live value. The exit status "
+        "is 1 when\n"
         "there is a difference. Parameters without a default and realtime states are left out.",
         runDiff},
     Command{
@@ -75,11 +77,21 @@ constexpr std::array kCommands = {
         "Asks first; without a terminal --yes is needed. Realtime states are left out. When the\n"
         "answer is no, nothing is done and the exit status is 1.",
         runReset},
-    Command{"export", "PREFIX", "beginnings of the names, or patterns; without it all", 0,
-            kAnyNumber, 0, "print parameters in the text form that import reads",
-            "One NAME=VALUE a line, sorted by name, with escapes for line breaks and the like.\n"
-            "Passwords are left out without --show-secrets; realtime states are always left out.",
-            runExport},
+    Command{
+        "export", "PREFIX", "beginnings of the names, or patterns; without it all", 0, kAnyNumber,
+        kChanged, "print parameters in the text form that import reads",
+        "One NAME=VALUE a line, sorted by name, with escapes for line breaks and the like; with\n"
+        "--json one object of names and values. Passwords are left out without --show-secrets;\n"
+        "realtime states are always left out.",
+        runExport},
+    Command{
+        "edit", "PREFIX", "beginnings of the names, or patterns; without it all", 0, kAnyNumber,
+        kChanged | kForce | kYes | kDirect | kNoDb, "change parameters in an editor",
+        "What export prints comes into $VISUAL, $EDITOR or vi; what was changed there is shown "
+        "and,\n"
+        "after a yes, set. A line that is taken out changes nothing. When something is refused or\n"
+        "the answer is no, what was edited is kept, and it is said where.",
+        runEdit},
     Command{"import", "FILE", "what export has printed; - is standard input", 1, kAnyNumber,
             kDryRun | kForce | kDirect | kNoDb, "set the values of an export that differ",
             "All names and values are checked first: when one is refused, none is set. Values go\n"

@@ -24,7 +24,8 @@ enum OptionBit : std::uint32_t {
     kDefault = 1U << 11U,
     kInitial = 1U << 12U,
     kExec = 1U << 13U,
-    kWait = 1U << 14U
+    kWait = 1U << 14U,
+    kChanged = 1U << 15U
 };
 
 inline constexpr int kAnyNumber = -1;
@@ -59,6 +60,7 @@ int runDiff(const Options& options);
 int runReset(const Options& options);
 int runExport(const Options& options);
 int runImport(const Options& options);
+int runEdit(const Options& options);
 int runInfo(const Options& options);
 int runStatus(const Options& options);
 int runTreeCheck(const Options& options);

@@ -6,6 +6,7 @@
 #include "cli/output/output.h"
 #include "cli/session/changes.h"
 #include "cli/session/live_values.h"
+#include "cli/session/transfer.h"
 
 #include <unistd.h>
 
@@ -81,21 +82,16 @@ void makeUnique(std::vector<Deviation>& deviations) {
     deviations.erase(std::unique(deviations.begin(), deviations.end(), same), deviations.end());
 }
 
-bool confirmed(std::size_t count) {
-    toStandardError("Set " + std::to_string(count) + (count == 1 ? " parameter" : " parameters") +
-                    " back to the factory default? [y/N] ");
-    std::string answer;
-    for (char c = 0; read(STDIN_FILENO, &c, 1) == 1 && c != '\n';) {
-        answer += c;
-    }
-    return answer == "y" || answer == "Y" || answer == "yes";
+std::string question(std::size_t count) {
+    return "Set " + std::to_string(count) + (count == 1 ? " parameter" : " parameters") +
+           " back to the factory default?";
 }
 
 int resetTo(const Bus& bus, const Options& options, const std::vector<Deviation>& deviations) {
     if (deviations.empty()) {
         return kDone;
     }
-    if (!options.yes && !confirmed(deviations.size())) {
+    if (!options.yes && !confirmed(question(deviations.size()))) {
         complain("nothing was reset");
         return kDifferent;
     }
@@ -107,9 +103,40 @@ int resetTo(const Bus& bus, const Options& options, const std::vector<Deviation>
     return allCarried(changes) ? applyChanges(bus, changes, kindOf(options), "reset") : kBroken;
 }
 
+// ---- diff with files
+// ------------------------------------------------------------------------------
+
+// No name holds a slash.
+bool isFile(const std::string& word) {
+    return word == "-" || word.find('/') != std::string::npos;
+}
+
+int mixedWords() {
+    complain("diff takes files, or beginnings of names, not both");
+    return kUsage;
+}
+
+int diffFiles(const Options& options) {
+    Bus bus;
+    std::vector<Change> changes;
+    int status = readSettings(options.operands, changes);
+    status = status != kDone ? status : openBus(options, bus);
+    status = status != kDone ? status : compareWithLive(bus, changes);
+    if (status != kDone && status != kDifferent) {
+        return status;
+    }
+    showChanges(options, changes);
+    return changes.empty() ? status : int{kDifferent};
+}
+
 } // namespace
 
 int runDiff(const Options& options) {
+    const auto files = static_cast<std::size_t>(
+        std::count_if(options.operands.begin(), options.operands.end(), isFile));
+    if (files != 0) {
+        return files == options.operands.size() ? diffFiles(options) : mixedWords();
+    }
     Patterns patterns{options.operands};
     FactoryRows factory;
     Bus bus;

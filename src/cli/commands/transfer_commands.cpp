@@ -1,149 +1,143 @@
-// export and import.
+// export, import and edit.
 
-#include "catalog/secrets.h"
+#include "base/fd.h"
 #include "cli/commands/commands.h"
-#include "cli/output/export_format.h"
-#include "cli/output/listing.h"
 #include "cli/output/output.h"
 #include "cli/session/changes.h"
 #include "cli/session/input.h"
-#include "cli/session/live_values.h"
+#include "cli/session/transfer.h"
+#include "paths.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <unordered_map>
-#include <unordered_set>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 namespace kelconf::cli {
 
 namespace {
 
-constexpr std::size_t kMostFaults = 20; // said of one file; it may be no text at all
-
-std::string labelOf(const std::string& path, std::size_t line) {
-    return (path == "-" ? "standard input" : path) + ":" + std::to_string(line) + ": ";
+std::string counted(std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " parameter" : " parameters");
 }
 
-int readExport(const std::string& path, std::vector<Change>& changes) {
-    std::string content;
-    if (!readInput(path, content)) {
-        return kBroken;
-    }
-    ParsedExport parsed = parseExport(content);
-    const std::size_t said = std::min(parsed.faults.size(), kMostFaults);
-    for (std::size_t i = 0; i < said; ++i) {
-        complain((path == "-" ? "standard input" : path) + ":" + parsed.faults[i]);
-    }
-    if (said < parsed.faults.size()) {
-        complain("and " + std::to_string(parsed.faults.size() - said) + " more");
-    }
-    for (ExportEntry& entry : parsed.entries) {
-        changes.push_back(
-            {std::move(entry.name), std::move(entry.value), labelOf(path, entry.line), ""});
-    }
-    return parsed.faults.empty() && allCarried(changes) ? kDone : kUsage;
-}
-
-// Takes out what is as it is to be already; the rest learns its live value.
-int compareWithLive(const Bus& bus, std::vector<Change>& changes) {
-    std::unordered_map<std::string, std::string> live;
-    Patterns all{{}};
-    int status = forEachLive(bus, all, [&](std::string_view name, std::string_view value) {
-        live.emplace(name, value);
-    });
-    if (status != kDone) {
-        return status;
-    }
-    std::vector<Change> different;
-    for (Change& change : changes) {
-        const auto found = live.find(change.name);
-        if (found == live.end()) {
-            complain(change.where + "unknown name " + change.name);
-            status = kDifferent;
-        } else if (found->second != change.value) {
-            change.before = std::move(found->second);
-            different.push_back(std::move(change));
-        }
-    }
-    changes = std::move(different);
-    return status;
-}
-
-void showChanges(const Options& options, const std::vector<Change>& changes) {
-    const Secrets secrets{options.show_secrets};
-    std::vector<Difference> differences;
-    differences.reserve(changes.size());
-    for (const Change& change : changes) {
-        differences.push_back({change.name, secrets.shown(change.name, change.before),
-                               secrets.shown(change.name, change.value)});
-    }
-    printDifferences(options, differences, "value", "new_value");
-}
-
-// Of a name that stands in several files the last value counts.
-void keepLast(std::vector<Change>& changes) {
-    std::unordered_map<std::string_view, const Change*> last;
-    for (const Change& change : changes) {
-        last[change.name] = &change;
-    }
-    std::vector<Change> kept;
-    for (const Change& change : changes) {
-        if (last[change.name] == &change) {
-            kept.push_back(change);
-        }
-    }
-    changes = std::move(kept);
-}
-
-int prepareImport(const Bus& bus, const Options& options, std::vector<Change>& changes) {
-    int status = kDone;
-    for (const std::string& path : options.operands) {
-        const int read = readExport(path, changes);
-        status = read == kDone ? status : read;
-    }
-    keepLast(changes);
+// What differs, checked, or why not, said with the word for what is then not done.
+int prepare(const Bus& bus, const Options& options, const std::vector<std::string>& files,
+            std::vector<Change>& changes, const char* nothing) {
+    int status = readSettings(files, changes);
     status = status != kDone ? status : compareWithLive(bus, changes);
     if (status == kDone && !allAllowed(changes, options.force)) {
         status = kUsage;
     }
     if (status != kDone) {
-        complain("nothing was imported");
+        complain(nothing);
     }
+    return status;
+}
+
+int apply(const Bus& bus, const Options& options, const std::vector<Change>& changes,
+          const char* doing) {
+    const int status = applyChanges(bus, changes, kindOf(options), doing);
+    if (status == kDone && onTerminal(STDOUT_FILENO)) {
+        out(std::to_string(changes.size()) +
+            (changes.size() == 1 ? " value set\n" : " values set\n"));
+    }
+    return status;
+}
+
+// ---- edit -----------------------------------------------------------------------------------
+
+// A file of its own that only its user can read; kept when `keep` is said.
+class Draft {
+  public:
+    explicit Draft(const std::string& text) {
+        const char* place = std::getenv("TMPDIR");
+        path_ = std::string{place == nullptr || *place == '\0' ? paths::kTemporary : place} +
+                "/kelctl-edit.XXXXXX";
+        const Fd file{mkstemp(path_.data())};
+        made_ = file && writeAll(file.get(), text.data(), text.size());
+        if (!made_) {
+            complain(path_ + ": " + std::strerror(errno));
+        }
+    }
+    ~Draft() {
+        if (!kept_) {
+            unlink(path_.c_str());
+        }
+    }
+    Draft(const Draft&) = delete;
+    Draft& operator=(const Draft&) = delete;
+    Draft(Draft&&) = delete;
+    Draft& operator=(Draft&&) = delete;
+
+    explicit operator bool() const { return made_; }
+    [[nodiscard]] const std::string& path() const { return path_; }
+    void keep() {
+        kept_ = true;
+        complain("what was edited is kept in " + path_ + "; kelctl import takes it");
+    }
+
+  private:
+    std::string path_;
+    bool made_ = false;
+    bool kept_ = false;
+};
+
+// True when the editor says that it is done. Its name may have options, so a shell reads it.
+bool runEditor(const std::string& path) {
+    const char* visual = std::getenv("VISUAL");
+    const char* editor = visual != nullptr ? visual : std::getenv("EDITOR");
+    const std::string command = std::string{editor == nullptr ? "vi" : editor} + " \"$0\"";
+    const pid_t child = fork();
+    if (child == 0) {
+        execl(paths::kShell, "sh", "-c", command.c_str(), path.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = -1;
+    while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status == 0;
+}
+
+int applyDraft(const Options& options, const Draft& draft, bool& keep) {
+    Bus bus;
+    std::vector<Change> changes;
+    int status = openBus(options, bus);
+    status = status != kDone ? status
+                             : prepare(bus, options, {draft.path()}, changes, "nothing was set");
+    if (status != kDone || changes.empty()) {
+        keep = status != kDone;
+        return status;
+    }
+    showChanges(options, changes);
+    if (!flushOutput()) {
+        return kBroken;
+    }
+    if (!options.yes && !confirmed("Set " + counted(changes.size()) + "?")) {
+        complain("nothing was set");
+        keep = true;
+        return kDifferent;
+    }
+    status = apply(bus, options, changes, "edit");
+    keep = status != kDone;
     return status;
 }
 
 } // namespace
 
 int runExport(const Options& options) {
-    if (options.json || options.null_ended) {
-        complain("export has a form of its own; list takes --json and --null");
+    if (options.null_ended) {
+        complain("export has a form of its own; list takes --null");
         return kUsage;
     }
-    Patterns patterns{options.operands};
-    const Secrets secrets{options.show_secrets};
-    std::unordered_set<std::string> states;
-    if (Catalog catalog; catalog) {
-        for (std::string& name : catalog.namesOfType(kRealtime)) {
-            states.insert(std::move(name));
-        }
-    }
-    Bus bus;
-    if (int status = openBus(options, bus); status != kDone) {
-        return status;
-    }
-    std::string text{kExportHeader};
-    const int status =
-        forEachLive(bus, patterns, [&](std::string_view name, std::string_view value) {
-            if (!isState(name, states.contains(std::string{name}) ? kRealtime : "")) {
-                out(text);
-                text = secrets.hides(name)
-                           ? exportNote(name, "secret, left out without --show-secrets")
-                           : exportLine(name, value);
-            }
-        });
+    std::string text;
+    const int status = exportText(options, text);
     if (status == kDone || status == kDifferent) { // without an answer not even the header
         out(text);
+        out(options.json ? "\n}\n" : "");
     }
     return status;
 }
@@ -154,17 +148,46 @@ int runImport(const Options& options) {
     if (int status = openBus(options, bus); status != kDone) {
         return status;
     }
-    if (int status = prepareImport(bus, options, changes); status != kDone) {
+    if (int status = prepare(bus, options, options.operands, changes, "nothing was imported");
+        status != kDone) {
         return status;
     }
     if (options.dry_run) {
         showChanges(options, changes);
         return kDone;
     }
-    const int status = applyChanges(bus, changes, kindOf(options), "import");
-    if (status == kDone && onTerminal(STDOUT_FILENO)) {
-        out(std::to_string(changes.size()) +
-            (changes.size() == 1 ? " value set\n" : " values set\n"));
+    return apply(bus, options, changes, "import");
+}
+
+int runEdit(const Options& options) {
+    if (!options.yes && !onTerminal(STDIN_FILENO)) {
+        complain("edit asks before it sets, and there is no terminal to answer; --yes says yes");
+        return kUsage;
+    }
+    std::string text;
+    if (int status = exportText(options, text); status != kDone) {
+        return status;
+    }
+    Draft draft{text};
+    std::string edited;
+    if (!draft || !flushOutput()) {
+        return kBroken;
+    }
+    if (!runEditor(draft.path())) {
+        complain("the editor failed; nothing was set");
+        return kBroken;
+    }
+    if (!readInput(draft.path(), edited)) {
+        return kBroken;
+    }
+    if (edited == text) {
+        complain("nothing was changed");
+        return kDone;
+    }
+    bool keep = false;
+    const int status = applyDraft(options, draft, keep);
+    if (keep) {
+        draft.keep();
     }
     return status;
 }
