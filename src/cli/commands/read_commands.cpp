@@ -72,6 +72,10 @@ int complainAboutUnknown(const std::vector<Row>& rows) {
 }
 
 Secrets secretsAmong(const Options& options, const std::vector<std::string>& names) {
+    if (keepsClient() && !options.show_secrets) { // many look-ups are to come: read once
+        static const Secrets all{false};
+        return all;
+    }
     return names.size() <= kFewNames ? Secrets{options.show_secrets, names}
                                      : Secrets{options.show_secrets};
 }

@@ -30,6 +30,10 @@ void keepClient() {
     keeps_client = true;
 }
 
+bool keepsClient() {
+    return keeps_client;
+}
+
 void dropClient() {
     keeps_client = false;
     kelbus_close(std::exchange(kept_client, nullptr));

@@ -27,6 +27,7 @@ struct Bus {
 // Between the two calls a client that is closed is kept for the next command of this process.
 void keepClient();
 void dropClient();
+bool keepsClient();
 
 // kDone, or the failure, said. Needs no running service.
 int openBus(const Options& options, Bus& bus);
