@@ -1,5 +1,7 @@
 #include "cli/command_line.h"
 
+#include "cli/help.h"
+#include "cli/option_table.h"
 #include "cli/output/nearest.h"
 #include "cli/output/output.h"
 
@@ -18,77 +20,12 @@ namespace kelconf::cli {
 
 namespace {
 
-using Field = std::variant<bool Options::*, double Options::*, std::uint64_t Options::*,
-                           std::string Options::*, std::vector<std::string> Options::*,
-                           std::optional<std::string> Options::*>;
-
-struct OptionRow {
-    std::uint32_t bit; // OptionBit; 0: every command has it
-    const char* flags;
-    const char* argument; // its name in the help; null: none
-    Field field;
-    const char* help;
-};
-
-constexpr std::array kOptions = {
-    OptionRow{kValuesOnly, "-n,--values-only", nullptr, &Options::values_only,
-              "print the values without the names"},
-    OptionRow{kDirect, "--direct", nullptr, &Options::direct,
-              "have the values stored before the service answers"},
-    OptionRow{kNoDb, "--no-db", nullptr, &Options::no_db,
-              "do not store the values: they are gone after a restart of the service"},
-    OptionRow{kForce, "-f,--force", nullptr, &Options::force,
-              "set values that break the parameter's range, step or options, too"},
-    OptionRow{kYes, "-y,--yes", nullptr, &Options::yes, "do not ask"},
-    OptionRow{kDryRun, "--dry-run", nullptr, &Options::dry_run,
-              "show what would change, change nothing"},
-    OptionRow{kAll, "--all", nullptr, &Options::all, "every parameter that has a factory default"},
-    OptionRow{kPrefix, "--prefix", "PREFIX", &Options::prefixes,
-              "every parameter whose name begins with PREFIX"},
-    OptionRow{kCount, "-c,--count", "N", &Options::count, "end after N changes"},
-    OptionRow{kTimeout, "--timeout", "SECONDS", &Options::watch_timeout, "end after SECONDS"},
-    OptionRow{kLong, "-l,--long", nullptr, &Options::long_form,
-              "with type, range, step, options, default and access"},
-    OptionRow{kDefault, "--default", "TEXT", &Options::fallback,
-              "print TEXT as the value of a name that is unknown, which is then no error"},
-    OptionRow{kInitial, "-i,--initial", nullptr, &Options::initial,
-              "first the present values, then the changes, and nothing missed in between"},
-    OptionRow{kChanged, "--changed", nullptr, &Options::changed,
-              "only what differs from its factory default"},
-    OptionRow{kExec, "--exec", "COMMAND", &Options::command,
-              "run COMMAND in a shell for each change, one at a time, instead of printing it"},
-    OptionRow{kWait, "--wait", "SECONDS", &Options::watch_timeout,
-              "wait so long for the service to answer"},
-    OptionRow{0, "--json", nullptr, &Options::json, "print JSON, for programs"},
-    OptionRow{0, "-0,--null", nullptr, &Options::null_ended,
-              "end entries with a zero byte: values may hold line breaks"},
-    OptionRow{0, "--show-secrets", nullptr, &Options::show_secrets,
-              "show passwords instead of stars"},
-    OptionRow{0, "--color", "WHEN", &Options::colour, "colour: auto, always or never"},
-    OptionRow{0, "--no-color", nullptr, &Options::no_colour, "the same as --color never"},
-    OptionRow{0, "-q,--quiet", nullptr, &Options::quiet, "say nothing on standard error"},
-    OptionRow{0, "--request-timeout", "SECONDS", &Options::request_timeout,
-              "how long one request to the service may take (5)"},
-};
-
-constexpr OptionHelp kHelp{"-h,--help", nullptr, "show this text"};
-constexpr OptionHelp kVersion{"-V,--version", nullptr, "show the version"};
-
-constexpr const char* kStatuses =
-    "Exit status: 0 done; 1 a name is unknown or a difference was found; 2 wrong usage or a value\n"
-    "that is refused here; 3 no service, or no answer in time; 4 the service refused; 5 a broken\n"
-    "reply, file, input or output; 6 status alone: 3 and 5 at once; 130 Ctrl-C.\n";
-
 constexpr double kLongest = 1e6; // seconds, so that milliseconds fit an int
-
-bool has(const OptionRow& row, const Command* command) {
-    return row.bit == 0 || (command != nullptr && (row.bit & command->options) != 0);
-}
 
 // ---- What a line of words means -------------------------------------------------------------
 
-// The options as getopt_long wants them; an option's value is its place in kOptions, from kFirst
-// on.
+// The options as getopt_long wants them; an option's value is its place in optionTable(), from
+// kFirst on.
 struct Wanted {
     static constexpr int kFirst = 256; // above all letters
     std::vector<option> names;
@@ -100,9 +37,9 @@ struct Wanted {
         letter_list = stop_at_operand ? "+:" : ":";
         add(kHelp.flags, false, 'h');
         add(kVersion.flags, false, 'V');
-        for (std::size_t i = 0; i < kOptions.size(); ++i) {
-            if (has(kOptions[i], command)) {
-                add(kOptions[i].flags, kOptions[i].argument != nullptr,
+        for (std::size_t i = 0; i < optionTable().size(); ++i) {
+            if (has(optionTable()[i], command)) {
+                add(optionTable()[i].flags, optionTable()[i].argument != nullptr,
                     kFirst + static_cast<int>(i));
             }
         }
@@ -196,7 +133,8 @@ int takeOptions(Reading& reading, std::vector<char*>& words, const Command* comm
         } else if (value == 'V') {
             reading.version = true;
         } else {
-            takeOption(reading, kOptions[static_cast<std::size_t>(value - Wanted::kFirst)], optarg);
+            takeOption(reading, optionTable()[static_cast<std::size_t>(value - Wanted::kFirst)],
+                       optarg);
         }
     }
     return optind;
@@ -254,93 +192,6 @@ std::string operandFault(const Command& command, const std::vector<std::string>&
     return command.most != kAnyNumber && count > command.most
                ? "one word too many: " + operands[static_cast<std::size_t>(command.most)]
                : "";
-}
-
-// ---- Help -----------------------------------------------------------------------------------
-
-constexpr std::size_t kHelpColumn = 30;
-
-void addRow(std::string& text, std::string left, std::string_view right) {
-    left.insert(0, "  ");
-    left.resize(std::max(left.size() + 1, kHelpColumn), ' ');
-    text.append(left).append(right).append("\n");
-}
-
-void addOptionRows(std::string& text, const char* title, const std::vector<OptionHelp>& options) {
-    text.append("\n").append(title).append(":\n");
-    for (const OptionHelp& each : options) {
-        addRow(text,
-               each.argument == nullptr ? each.flags
-                                        : std::string{each.flags} + " " + each.argument,
-               each.help);
-    }
-}
-
-// Of the options of a command those that every command has, or the others.
-std::vector<OptionHelp> optionRows(const Command* command, bool of_every) {
-    std::vector<OptionHelp> rows;
-    if (of_every) {
-        rows.push_back(kHelp);
-    } else if (command == nullptr) {
-        rows.push_back(kVersion);
-    }
-    for (const OptionRow& row : kOptions) {
-        if (has(row, command) && (row.bit == 0) == of_every) {
-            rows.push_back({row.flags, row.argument, row.help});
-        }
-    }
-    return rows;
-}
-
-void addOptions(std::string& text, const Command* command) {
-    addOptionRows(text, "Options of every command", optionRows(command, true));
-    if (const auto rows = optionRows(command, false); !rows.empty()) {
-        addOptionRows(text, "Options", rows);
-    }
-}
-
-std::string helpOf(const Command& command) {
-    const bool many = command.most == kAnyNumber;
-    const std::string operands = std::string{command.operands} + (many ? "..." : "");
-    std::string text =
-        std::string{command.summary} + "\nUsage: kelctl " + command.name + " [OPTIONS]";
-    if (command.most != 0) {
-        text += command.least > 0 ? " " + operands : " [" + operands + "]";
-        text += "\n\nOperands:\n";
-        addRow(text, operands, command.operand_help);
-    } else {
-        text += "\n";
-    }
-    addOptions(text, &command);
-    return text.append("\n").append(command.details).append("\n\n").append(kStatuses);
-}
-
-// The commands, or those below the first word of a command of two.
-std::string helpOfGroup(std::string_view group) {
-    std::string text =
-        group.empty() ? "Reads, sets and watches the parameters of the configuration service.\n"
-                        "Usage: kelctl [OPTIONS] COMMAND\n"
-                      : "commands on a " + std::string{group} + "\nUsage: kelctl " +
-                            std::string{group} + " COMMAND\n";
-    if (group.empty()) {
-        addOptions(text, nullptr);
-    }
-    text += "\nCommands:\n";
-    std::string_view last;
-    for (const Command& command : commands()) {
-        const std::string_view name = command.name;
-        const std::size_t blank = name.find(' ');
-        const std::string_view first = name.substr(0, blank);
-        if (!group.empty() && first == group && blank != std::string_view::npos) {
-            addRow(text, std::string{name.substr(blank + 1)}, command.summary);
-        } else if (group.empty() && first != last) {
-            const bool gathers = blank != std::string_view::npos;
-            addRow(text, std::string{first},
-                   gathers ? "commands on a " + std::string{first} : command.summary);
-        }
-        last = first;
-    }
-    return text.append("\n").append(kStatuses);
 }
 
 // ---- One line ---------------------------------------------------------------------------------
@@ -430,19 +281,6 @@ Invocation readCommandLine(int argc, const char* const* argv) {
     beQuiet(options.quiet);
     reading.invocation.command = command;
     return std::move(reading.invocation);
-}
-
-std::vector<OptionHelp> optionsOf(const Command* command) {
-    std::vector<OptionHelp> options{kHelp};
-    if (command == nullptr) {
-        options.push_back(kVersion);
-    }
-    for (const OptionRow& row : kOptions) {
-        if (has(row, command)) {
-            options.push_back({row.flags, row.argument, row.help});
-        }
-    }
-    return options;
 }
 
 } // namespace kelconf::cli

@@ -3,8 +3,6 @@
 
 #include "cli/commands/commands.h"
 
-#include <vector>
-
 namespace kelconf::cli {
 
 struct Invocation {
@@ -16,16 +14,5 @@ struct Invocation {
 // Prints what --help and --version ask for; a line that is wrong is reported on standard error
 // and gives status kUsage.
 Invocation readCommandLine(int argc, const char* const* argv);
-
-// An option as its help has it: flags parted by commas, the last one long; the name of its
-// argument, null when it takes none.
-struct OptionHelp {
-    const char* flags;
-    const char* argument;
-    const char* help;
-};
-
-// The options of a command, those of every command included; null: what stands before a command.
-std::vector<OptionHelp> optionsOf(const Command* command);
 
 } // namespace kelconf::cli

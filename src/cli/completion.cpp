@@ -2,7 +2,7 @@
 
 #include "catalog/catalog.h"
 #include "catalog/value_rules.h"
-#include "cli/command_line.h"
+#include "cli/option_table.h"
 #include "cli/output/output.h"
 #include "cli/output/shown_text.h"
 #include "cli/session/bus_session.h"

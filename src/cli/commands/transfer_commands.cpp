@@ -164,8 +164,10 @@ int runEdit(const Options& options) {
         complain("edit asks before it sets, and there is no terminal to answer; --yes says yes");
         return kUsage;
     }
+    Options text_form = options; // whatever the preview is to look like
+    text_form.json = false;
     std::string text;
-    if (int status = exportText(options, text); status != kDone) {
+    if (int status = exportText(text_form, text); status != kDone) {
         return status;
     }
     Draft draft{text};
