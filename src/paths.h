@@ -49,7 +49,6 @@ inline constexpr const char* kFileStorage = "/mnt/nand/conf/fileStorage/";
 // What the kernel gives.
 inline constexpr const char* kConsole = "/dev/console";
 inline constexpr const char* kNull = "/dev/null";
-inline constexpr const char* kStandardInput = "/dev/stdin";
 inline constexpr const char* kTemporary = "/tmp";
 inline constexpr const char* kShell = "/bin/sh";                 // POSIX puts it there
 inline constexpr const char* kProcessStatus = "/proc/%d/status"; // a format, for a process id

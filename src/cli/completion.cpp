@@ -133,11 +133,13 @@ std::vector<std::string> groupsOf(const std::vector<std::string>& names, std::si
     return narrows ? groupsOf(names, groups.front().size()) : groups;
 }
 
-void offerNames(std::string_view before, std::string_view prefix, const char* after = "") {
+// `least`: bytes of the shortest beginning that is of use.
+void offerNames(std::string_view before, std::string_view prefix, const char* after = "",
+                std::size_t least = 1) {
     std::vector<std::string> names = namesBelow(prefix);
     const std::size_t count = names.size();
     if (count > kAtOnce) {
-        names = groupsOf(names, prefix.size());
+        names = groupsOf(names, std::max(prefix.size(), least - 1));
     }
     for (const std::string& name : names) {
         offer(std::string{before} + name + (name.ends_with('.') ? "" : after));
@@ -215,6 +217,9 @@ void offerCommands(const Line& line) {
     }
 }
 
+// A name of fewer bytes is no group: it answers only where it is a whole one.
+constexpr std::size_t kGroupBytes = 8;
+
 int offerFor(const Line& line) {
     if (line.open != nullptr) {
         return offerArgument("", line.open->argument, line.current);
@@ -224,6 +229,10 @@ int offerFor(const Line& line) {
     }
     if (line.command == nullptr) {
         offerCommands(line);
+        return kDone;
+    }
+    if (line.command->run == runGroup) {
+        offerNames("", line.current, "", kGroupBytes);
         return kDone;
     }
     const bool full = line.command->most != kAnyNumber && line.operands >= line.command->most;

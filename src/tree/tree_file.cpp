@@ -8,6 +8,7 @@
 #include <libxml/xmlIO.h>
 
 #include <cerrno>
+#include <limits>
 
 namespace kelconf {
 
@@ -80,6 +81,18 @@ XmlDoc readTreeFile(const char* path, int* error) {
         *error = failure;
     }
     return failure == 0 ? std::move(document) : nullptr;
+}
+
+XmlDoc readTreeText(std::string_view text) {
+    takeOverInput();
+    if (text.size() > std::numeric_limits<int>::max()) {
+        return nullptr;
+    }
+    reading = Reading{true, nullptr, Fd{}, 0};
+    XmlDoc document{xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr,
+                                  XML_PARSE_BIG_LINES)};
+    reading = Reading{};
+    return document;
 }
 
 } // namespace kelconf

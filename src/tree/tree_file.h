@@ -4,6 +4,7 @@
 #include <libxml/tree.h>
 
 #include <memory>
+#include <string_view>
 
 namespace kelconf {
 
@@ -19,5 +20,8 @@ using XmlDoc = std::unique_ptr<xmlDoc, FreeXmlDoc>;
 // (files/storage_fault.h); a file that is absent, closed to us or of the wrong kind, or bad XML, is
 // none. `error`, unless null, receives the errno of the opening or reading that failed, else 0.
 XmlDoc readTreeFile(const char* path, int* error = nullptr);
+
+// The same for a text in memory: no file at all is opened.
+XmlDoc readTreeText(std::string_view text);
 
 } // namespace kelconf

@@ -146,6 +146,14 @@ const Case kCases[] = {
      0,
      {"2: note: c.x: %auto stays", "2: note: c.x: the line breaks"}},
     {inTrunk("<passwd type=\"password\">a=b</passwd>"), 1, {"2: warning: c.passwd: a password"}},
+    {inTrunk("<pin type=\"password\">1</pin>\n<a_password type=\"string\"/>"),
+     1,
+     {"2: warning: c.pin: changes of this secret are logged",
+      "3: warning: c.a_password: changes of this secret are logged"}},
+    {"<t><IPCAM type=\"trunk\">\n<a type=\"int\">1</a>\n<b type=\"int\">1</b></IPCAM></t>",
+     0,
+     {"2: note: names that begin with \"ipcam.\" are factory-only: the service does not know them "
+      "(2"}},
     // duplicates
     {inTrunk("<x type=\"int\">1</x>\n<x type=\"int\" range=\"0,1\">2</x>"),
      1,
@@ -216,6 +224,16 @@ TEST(TreeCheckOutput, ExamplesAreClean) {
         EXPECT_NE(result.out.find(": " + std::to_string(rowsThatInitBuilds()) + " parameters"),
                   std::string::npos);
     }
+}
+
+// Nor is /dev/stdin needed.
+TEST(TreeCheck, WaitsForAPipeThatIsSlow) {
+    resetDevice();
+    writeFile(kTree, inTrunk(kLeaf));
+    EXPECT_EQ(
+        std::system("{ sleep 0.2; cat /etc/neutral_tree.xml; } | kelctl tree check - >/tmp/said"),
+        0);
+    EXPECT_EQ(readFile("/tmp/said"), "-: 1 parameter, 0 errors, 0 warnings, 0 notes\n");
 }
 
 } // namespace

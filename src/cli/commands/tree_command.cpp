@@ -4,8 +4,8 @@
 #include "cli/output/listing.h"
 #include "cli/output/output.h"
 #include "cli/output/shown_text.h"
+#include "cli/session/input.h"
 #include "cli/tree_check/tree_check.h"
-#include "paths.h"
 
 namespace kelconf::cli {
 
@@ -84,7 +84,11 @@ void printJson(const std::string& file, const TreeReport& report) {
 
 int runTreeCheck(const Options& options) {
     const std::string& file = options.operands.front();
-    const TreeReport report = checkTree(file == "-" ? paths::kStandardInput : file.c_str());
+    std::string content;
+    if (file == "-" && !readInput(file, content)) {
+        return kBroken;
+    }
+    const TreeReport report = file == "-" ? checkTreeText(content) : checkTree(file.c_str());
     if (!report.unreadable.empty()) {
         complain(file + ": " + report.unreadable);
         return kBroken;

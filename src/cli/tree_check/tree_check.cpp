@@ -7,6 +7,7 @@
 #include "tree/tree_template.h"
 
 #include <libxml/globals.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,13 +55,11 @@ std::string whyUnreadable(const char* path) {
     return S_ISDIR(about.st_mode) ? std::strerror(EISDIR) : "";
 }
 
-XmlDoc read(const char* path, TreeReport& report) {
-    report.unreadable = whyUnreadable(path);
-    if (!report.unreadable.empty()) {
-        return nullptr;
-    }
+// `parse` makes a document of it.
+template <typename Parse>
+XmlDoc read(TreeReport& report, Parse parse) {
     const XmlErrors collected{report};
-    XmlDoc document = readTreeFile(path);
+    XmlDoc document = parse();
     if (!document && report.findings.empty()) {
         report.unreadable = "it cannot be read to its end";
     }
@@ -70,7 +69,7 @@ XmlDoc read(const char* path, TreeReport& report) {
 // ---- The parameters -----------------------------------------------------------------------------
 
 // Fewer than an xmlNode has bytes: see keyOf.
-enum class About { kDuplicate, kLongName, kValue, kSecret, kForm, kAuto, kBlanks };
+enum class About { kDuplicate, kLongName, kValue, kSecret, kLogged, kForm, kAuto, kBlanks };
 
 // What is said of an element once, however many instances repeat it.
 struct Remark {
@@ -86,6 +85,8 @@ std::string andMore(std::uint64_t instances) {
                                 (instances == 1 ? " more instance)" : " more instances)");
 }
 
+constexpr std::string_view kFactoryOnly = "ipcam.";
+
 class Parameters {
   public:
     bool see(std::string_view name, const TreeElement& element, std::string_view value) {
@@ -96,6 +97,10 @@ class Parameters {
                        std::to_string(known.first->second) + " already: this one is dropped";
             });
             return true;
+        }
+        if (strncasecmp(known.first->first.c_str(), kFactoryOnly.data(), kFactoryOnly.size()) ==
+            0) {
+            first_factory_only_ = factory_only_++ == 0 ? element.line : first_factory_only_;
         }
         const bool counter = element.kind == TreeElement::Kind::kInstances;
         const bool cut = counter && name.size() == kMaxCounterName && !name.ends_with(".number");
@@ -111,7 +116,8 @@ class Parameters {
         if (seen_.insert(element.node).second || element.has_auto) {
             seeValue(name, element, value);
         } else {
-            for (const About about : {About::kValue, About::kSecret, About::kForm}) {
+            for (const About about :
+                 {About::kValue, About::kSecret, About::kLogged, About::kForm}) {
                 repeat(element, about);
             }
         }
@@ -120,6 +126,13 @@ class Parameters {
 
     void report(const TreeWalkResult& walk, TreeReport& report) {
         report.parameters = lines_.size();
+        if (factory_only_ > 0) {
+            report.add(
+                Severity::kNote, first_factory_only_,
+                "names that begin with \"ipcam.\" are factory-only: the service does not know "
+                "them (" +
+                    std::to_string(factory_only_) + " here)");
+        }
         for (Remark& remark : remarks_) {
             report.add(remark.severity, remark.line, remark.text + andMore(remark.more));
         }
@@ -156,6 +169,13 @@ class Parameters {
         if (cutWhenStored(name, value)) {
             remark(leaf, About::kSecret, Severity::kWarning,
                    [&] { return shortened(name) + ": " + kCutWhenStored; });
+        }
+        // As the service tells what it may log.
+        if (isSecret(name, rule.type) && name.find("passwd") == std::string_view::npos) {
+            remark(leaf, About::kLogged, Severity::kWarning, [&] {
+                return shortened(name) + ": changes of this secret are logged in clear, unless its "
+                                         "name holds \"passwd\"";
+            });
         }
         if (leaf.has_auto && value.find(kAutoToken) != std::string_view::npos) {
             remark(leaf, About::kAuto, Severity::kNote,
@@ -196,12 +216,29 @@ class Parameters {
     static constexpr std::size_t kPassedOver = std::numeric_limits<std::size_t>::max();
 
     std::unordered_map<std::string, long> lines_; // of the first definition
-    std::unordered_set<const xmlNode*> seen_;     // leaves whose value was looked at
+    std::uint64_t factory_only_ = 0;
+    long first_factory_only_ = 0;             // its line
+    std::unordered_set<const xmlNode*> seen_; // leaves whose value was looked at
     std::vector<Remark> remarks_;
     std::unordered_map<std::uintptr_t, std::size_t> said_; // place in remarks_, by keyOf
     std::array<std::uint64_t, 3> kept_{};                  // by severity
     std::array<std::uint64_t, 3> passed_over_{};
 };
+
+void check(const XmlDoc& document, TreeReport& report) {
+    if (document) {
+        const xmlNode* root = xmlDocGetRootElement(document.get());
+        checkElements(root, report);
+        Parameters parameters;
+        const TreeWalkResult walk = visitXmlTree(
+            root, [&](std::string_view name, const TreeElement& element, std::string_view value) {
+                return parameters.see(name, element, value);
+            });
+        parameters.report(walk, report);
+    }
+    std::stable_sort(report.findings.begin(), report.findings.end(),
+                     [](const Finding& a, const Finding& b) { return a.line < b.line; });
+}
 
 } // namespace
 
@@ -225,19 +262,16 @@ std::string shortened(std::string_view text) {
 
 TreeReport checkTree(const char* path) {
     TreeReport report;
-    const XmlDoc document = read(path, report);
-    if (document) {
-        const xmlNode* root = xmlDocGetRootElement(document.get());
-        checkElements(root, report);
-        Parameters parameters;
-        const TreeWalkResult walk = visitXmlTree(
-            root, [&](std::string_view name, const TreeElement& element, std::string_view value) {
-                return parameters.see(name, element, value);
-            });
-        parameters.report(walk, report);
+    report.unreadable = whyUnreadable(path);
+    if (report.unreadable.empty()) {
+        check(read(report, [&] { return readTreeFile(path); }), report);
     }
-    std::stable_sort(report.findings.begin(), report.findings.end(),
-                     [](const Finding& a, const Finding& b) { return a.line < b.line; });
+    return report;
+}
+
+TreeReport checkTreeText(std::string_view text) {
+    TreeReport report;
+    check(read(report, [&] { return readTreeText(text); }), report);
     return report;
 }
 

@@ -38,6 +38,7 @@ struct TreeReport {
 inline constexpr std::uint64_t kMostFindings = 1000;
 
 TreeReport checkTree(const char* path);
+TreeReport checkTreeText(std::string_view text);
 
 // A text of the tree at a length that a line has room for.
 std::string shortened(std::string_view text);
