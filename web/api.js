@@ -50,16 +50,19 @@ async function send(method, path, {body, type = "application/json", headers = {}
     return response;
 }
 
-async function call(method, path, options) {
-    try {
-        const response = await send(method, path, options);
-        return response.status === 204 ? null : await response.json().catch(() => null);
-    } catch (error) {
-        if (error.status === 401) {
-            signedOut();
-        }
-        throw error;
+// The accounts may be gone, too: then nobody is logged in either.
+export const isSignedOut = ({status, code}) => status === 401 || code === "setup_needed";
+
+function noticeEnd(error) {
+    if (isSignedOut(error)) {
+        signedOut();
     }
+    throw error;
+}
+
+async function call(method, path, options) {
+    const response = await send(method, path, options).catch(noticeEnd);
+    return response.status === 204 ? null : response.json().catch(() => null);
 }
 
 async function signIn(method, path, body) {
@@ -83,16 +86,9 @@ let etag = "";
 // any case.
 export async function parameters(anew) {
     const headers = etag && !anew ? {"If-None-Match": etag} : {};
-    try {
-        const response = await send("GET", "parameters", {headers});
-        etag = response.headers.get("ETag") ?? "";
-        return response.status === 304 ? null : (await response.json()).parameters;
-    } catch (error) {
-        if (error.status === 401) {
-            signedOut();
-        }
-        throw error;
-    }
+    const response = await send("GET", "parameters", {headers}).catch(noticeEnd);
+    etag = response.headers.get("ETag") ?? "";
+    return response.status === 304 ? null : (await response.json()).parameters;
 }
 
 export const parameter = (name) => call("GET", `parameters/${encodeURIComponent(name)}`);
@@ -108,7 +104,7 @@ export async function exported(prefix, changedOnly) {
     if (changedOnly) {
         query.set("changed", "1");
     }
-    return (await send("GET", `export?${query}`)).blob();
+    return (await send("GET", `export?${query}`).catch(noticeEnd)).blob();
 }
 
 export const imported = (text, dry_run) =>

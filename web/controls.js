@@ -92,6 +92,7 @@ function liveValue(parameter) {
             value.textContent = text === "" ? t("value.none") : valueInWords(parameter, text);
             value.classList.toggle("faint", text === "");
             line.setAttribute("points", pointsOf(history));
+            curve.toggleAttribute("hidden", history.length < 2);
         },
     };
 }

@@ -43,7 +43,7 @@ function cannotLoad(error) {
     if (!(error instanceof api.ApiError)) {
         throw error;
     }
-    if (error.status !== 401) {
+    if (!api.isSignedOut(error)) {
         tell(error.status === 0 ? "lost" : "away");
         line.reload = setTimeout(load, RELOAD);
     }
@@ -82,7 +82,7 @@ async function reconnect() {
     } catch (error) {
         if (error.status === 503) {
             open();
-        } else if (error.status !== 401) {
+        } else if (!api.isSignedOut(error)) {
             line.waiting = setTimeout(reconnect, line.retry);
             line.retry = Math.min(2 * line.retry, RETRY_MOST);
         }
