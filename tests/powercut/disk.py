@@ -14,24 +14,26 @@ A rename is one step in both; sync brings everything.
 
 import functools
 import itertools
+import math
 import random
+from collections import defaultdict
 from collections.abc import Callable, Iterator
 from typing import Any, NamedTuple
 
 from recording import Record
 
 BLOCK = 4096
-ZEROS = bytes(BLOCK)
 SIZE, NAME = -1, -2  # in the place of a block
 
-# The files by path, each as its size and its blocks by number; without those that hold zeros.
+# The files by path, each as its size and its blocks by number; without
+# their last zeros, those that hold nothing else left out.
 Image = tuple[tuple[str, int, tuple[tuple[int, bytes], ...]], ...]
 
 
 def file_bytes(size: int, blocks: tuple[tuple[int, bytes], ...]) -> bytes:
     content = bytearray(size)
     for index, block in blocks:
-        content[index * BLOCK : (index + 1) * BLOCK] = block
+        content[index * BLOCK : index * BLOCK + len(block)] = block
     return bytes(content[:size])
 
 
@@ -47,42 +49,41 @@ class Change(NamedTuple):
     """A name, a size or a block on its way."""
 
     at: int  # number of the record
-    file: int
-    index: int  # of the block, or SIZE, NAME
+    where: tuple[int, int]  # inode number, and the number of the block, SIZE or NAME
     # Ordered: a name, a size, or a block emptied by a truncation, which comes after all earlier
     # writes of that block and before all later ones.
     in_order: bool
-    path: str
-    value: Any
+    record: Record
+    value: Any = None
 
     def __str__(self) -> str:
-        what = {SIZE: "size", NAME: "name"}.get(self.index, f"block {self.index}")
-        return f"{what} of {self.path.rpartition('/')[2]} #{self.at}"
+        what = {SIZE: "size", NAME: "name"}.get(self.where[1], f"block {self.where[1]}")
+        return f"{what} of {self.record.path.rpartition('/')[2]} #{self.at}"
 
 
 class State:
-    def __init__(self) -> None:
-        self.names: dict[str, int] = {}
-        self.files: dict[int, dict[int, Any]] = {}
+    def __init__(self, names: dict[str, int]) -> None:
+        self.names = dict(names)
+        self.files: dict[int, dict[int, Any]] = defaultdict(lambda: {SIZE: 0})
 
     def make(self, change: Change) -> None:
-        if change.index != NAME:
-            self.files.setdefault(change.file, {SIZE: 0})[change.index] = change.value
+        (file, index), record = change.where, change.record
+        if index != NAME:
+            self.files[file][index] = change.value
             return
-        record = change.value
         old = record.data.decode() if record.operation == "rename" else record.path
-        if record.operation in ("unlink", "rename") and self.names.get(old) == record.file:
+        if record.operation in ("unlink", "rename") and self.names.get(old) == file:
             del self.names[old]
         if record.operation != "unlink":
-            self.names[record.path] = record.file
+            self.names[record.path] = file
 
     def image(self) -> Image:
         files = []
         for path, number in sorted(self.names.items()):
-            content = self.files.get(number, {SIZE: 0})
-            blocks = sorted((i, block) for i, block in content.items()
-                            if block and 0 <= i * BLOCK < content[SIZE])
-            files.append((path, content[SIZE], tuple(blocks)))
+            content = self.files[number]
+            size = content[SIZE]
+            blocks = sorted(one for one in content.items() if one[1] and 0 <= one[0] * BLOCK < size)
+            files.append((path, size, tuple(blocks)))
         return tuple(files)
 
 
@@ -90,7 +91,8 @@ class Disk:
     def __init__(self, ordered: bool) -> None:
         self.ordered = ordered
         self.at = 0
-        self.durable, self.now = State(), State()
+        self.durable = State({})
+        self.now: dict[int, bytearray] = defaultdict(bytearray)  # the files, as programs see them
         self.pending: list[Change] = []
 
     def apply(self, record: Record) -> None:
@@ -98,55 +100,48 @@ class Disk:
         self.at += 1
         match record.operation:
             case "create" | "unlink" | "rename" | "link":
-                self._add(record, NAME, True, record)
+                self._add(record, NAME, True)
             case "write" | "truncate":
                 self._change_data(record)
             case "sync":
                 self._settle(lambda change: True)
             case "names":
                 self._settle(lambda change: change.in_order or (
-                    change.index == NAME and change.path.rpartition("/")[0] == record.path))
+                    change.where[1] == NAME
+                    and change.record.path.rpartition("/")[0] == record.path))
             case "fsync" | "fdatasync":
                 if record.operation == "fsync" or any(
-                        change.in_order and change.file == record.file for change in self.pending):
+                        change.in_order and change.where[0] == record.file for change in self.pending):
                     self._settle(lambda change: change.in_order)
-                self._settle(lambda change: change.file == record.file and change.index != NAME)
+                self._settle(lambda change: change.where[0] == record.file and change.where[1] != NAME)
 
-    def _add(self, record: Record, index: int, in_order: bool, value: Any) -> None:
-        change = Change(self.at, record.file, index, in_order and self.ordered, record.path, value)
-        self.now.make(change)
-        self.pending.append(change)
+    def _add(self, record: Record, index: int, in_order: bool, value: Any = None) -> None:
+        where = record.file, index
+        self.pending.append(Change(self.at, where, in_order and self.ordered, record, value))
 
     def _change_data(self, record: Record) -> None:
-        now = self.now.files.setdefault(record.file, {SIZE: 0})
-        begin, size, cut = record.number, now[SIZE], record.operation == "truncate"
-        end = size if cut else begin + len(record.data)
-        data = bytes(max(0, end - begin)) if cut else record.data
+        now, begin, cut = self.now[record.file], record.number, record.operation == "truncate"
+        before, end = len(now), begin + len(record.data)
+        now.extend(bytes(max(0, end - before)))
+        if cut:
+            end = before
+            del now[begin:]
+        else:
+            now[begin:end] = record.data
         for i in range(begin // BLOCK, -(-end // BLOCK)):
-            first, last = max(begin, i * BLOCK), min(end, (i + 1) * BLOCK)
-            block = now.get(i) or ZEROS
-            block = (block[: first - i * BLOCK] + data[first - begin : last - begin]
-                     + block[last - i * BLOCK :])
-            self._add(record, i, cut and begin <= i * BLOCK, None if block == ZEROS else block)
-        after = begin if cut else max(size, end)
-        if after != size:
-            self._add(record, SIZE, True, after)
+            block = bytes(now[i * BLOCK : (i + 1) * BLOCK]).rstrip(b"\0")
+            self._add(record, i, cut and begin <= i * BLOCK, block)
+        if len(now) != before:
+            self._add(record, SIZE, True, len(now))
 
     def _settle(self, which: Callable[[Change], bool]) -> None:
         """These are durable from now on; a truncation undoes what was written before it."""
-        emptied, left = set(), []
-        for change in reversed(self.pending):
-            if (change.file, change.index) in emptied:
-                continue
-            if change.in_order and change.index >= 0 and which(change):
-                emptied.add((change.file, change.index))
-            left.append(change)
-        self.pending = []
-        for change in reversed(left):
-            if which(change):
-                self.durable.make(change)
-            else:
-                self.pending.append(change)
+        emptied = {change.where: change.at for change in self.pending
+                   if change.in_order and change.where[1] >= 0 and which(change)}
+        left = [change for change in self.pending if change.at >= emptied.get(change.where, 0)]
+        for change in filter(which, left):
+            self.durable.make(change)
+        self.pending = list(itertools.filterfalse(which, left))
 
     def images(self, most: int) -> Iterator[tuple[Image, list[Change]]]:
         """Images that a cut now can leave, and what each lacks.
@@ -159,26 +154,21 @@ class Disk:
             yield from self._images_up_to(cut, most)
 
     def _images_up_to(self, cut: int, most: int) -> Iterator[tuple[Image, list[Change]]]:
-        names = State()
-        names.names = dict(self.durable.names)
-        closed = set()  # to what comes after a later truncation
-        changes, late = [], []
-        for change in self.pending:
-            if change.in_order and change.at > cut:
-                closed.add((change.file, change.index))
-                late.append(change)
-            elif (change.file, change.index) not in closed:
-                changes.append(change)
-                if change.index == NAME and change.in_order:
-                    names.make(change)
+        late = [change for change in self.pending if change.in_order and change.at > cut]
+        truncated = {change.where: change.at for change in reversed(late)}
+        changes = [change for change in self.pending
+                   if change.at < truncated.get(change.where, math.inf)
+                   and not (change.in_order and change.at > cut)]
+        names = State(self.durable.names)
+        for change in changes:
+            if change.in_order:
+                names.make(change)
         named = set(names.names.values())
-        named |= {c.file for c in changes if c.index == NAME and not c.in_order}
-        changes = [change for change in changes if change.index == NAME or change.file in named]
-        free = sum(not change.in_order for change in changes)
-        for choice in choices(free, most):
-            state, lost, kept = State(), list(late), iter(choice)
-            state.names = dict(self.durable.names)
-            state.files = {file: dict(self.durable.files.get(file, {SIZE: 0})) for file in named}
+        named |= {c.where[0] for c in changes if c.where[1] == NAME and not c.in_order}
+        changes = [c for c in changes if c.where[1] == NAME or c.where[0] in named]
+        for choice in choices(sum(not change.in_order for change in changes), most):
+            state, lost, kept = State(self.durable.names), list(late), iter(choice)
+            state.files.update((file, dict(self.durable.files[file])) for file in named)
             for change in changes:
                 if change.in_order or next(kept):
                     state.make(change)

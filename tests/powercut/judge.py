@@ -13,6 +13,7 @@ were promised. What is wrong with an image is told by kind:
 """
 
 import contextlib
+import functools
 import hashlib
 import json
 import os
@@ -31,9 +32,10 @@ SWITCH = "private.encrypt_campass"  # a start sets it when it has scrambled the 
 NOTHING, LATER, STORED = range(3)  # what an answer promises: nothing; by the next pass; now
 
 Values = dict[str, str]
+Words = tuple[str, ...]  # of a scene, about its tree
 
 
-def tree_of(words: list[str]) -> Values:
+def tree_of(words: Words) -> Values:
     tree = {"short": "factory", "long": "factory", "user_password": "factory", "admin_passwd": "root",
             "encrypt_campass": "0" if "plain" in words else "1"}
     tree |= {f"v{i}": ("factory" if i % 5 else "f" * 700) + str(i) for i in range(10, 60)}
@@ -44,7 +46,7 @@ def tree_of(words: list[str]) -> Values:
     return {"private." + name: value for name, value in tree.items()}
 
 
-def write_tree(words: list[str]) -> None:
+def write_tree(words: Words) -> None:
     leaves: dict[str, str] = defaultdict(str)
     for name, value in tree_of(words).items():
         leaf = name.partition(".")[2]
@@ -82,21 +84,18 @@ class Promises:
     """What may be served, following the marks of a trace."""
 
     def __init__(self) -> None:
-        self.trees: list[list[str]] = []  # all so far
-        self.is_quiet = False
+        self.trees: list[Words] = []  # all so far
+        self.quiet = False
         # By name all values that were sent, beginning with the default, each with the number of its
         # SET and what its answer promises; and from which of them on all may be served.
         self.sent: dict[str, list[tuple[str, int, int]]] = {}
         self.promised: dict[str, int] = {}
         self.answered: set[int] = set()
 
-    def quiet(self) -> bool:
-        return self.is_quiet or not self.trees
-
     def take(self, mark: Record) -> None:
         match mark.operation:
             case "tree":
-                self.trees.append(json.loads(mark.data))
+                self.trees.append(tuple(json.loads(mark.data)))
                 for name, value in tree_of(self.trees[-1]).items():
                     self.sent.setdefault(name, [(value, 0, NOTHING)])
                     self.promised.setdefault(name, 0)
@@ -113,7 +112,7 @@ class Promises:
             case "ended":
                 self.answered.clear()
         if mark.operation in ("settled", "quiet", "restored"):
-            self.is_quiet = mark.operation == "quiet"
+            self.quiet = mark.operation == "quiet"
 
     def _keep_answered(self, least: int) -> None:
         """What was answered with at least this promise binds from now on."""
@@ -144,52 +143,46 @@ class Judge:
     def __init__(self) -> None:
         self.starter = subprocess.Popen([BUILD / "libexec/powercut-starter"], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE)
-        self.outcomes: dict = {}  # by image and number of trees: values served, what is wrong
-        self.seconds: dict = {}  # the same: what a second start serves and says
 
     def close(self) -> None:
         self.starter.communicate()
 
     def failures(self, image: Image, promises: Promises, factory: bool) -> dict[str, str]:
         """`factory`: the image holds the factory database alone."""
-        key = (image, len(promises.trees), factory)
-        if key not in self.outcomes:
-            write_tree(promises.trees[-1])
-            put_image(image)
-            self.outcomes[key] = ((None, self._wrong_factory(promises.trees)) if factory
-                                  else self._start_twice(len(promises.trees)))
-        served, wrong = self.outcomes[key]
-        return wrong if served is None else wrong | promises.failures(served)
+        if factory:
+            return self._wrong_factory(image, tuple(promises.trees))
+        served, _, after, wrong = self._start(image, promises.trees[-1])
+        if served is None:
+            return wrong
+        second, log, *_ = self._start(after, promises.trees[-1])
+        if second != served or "live database sound" not in log:
+            wrong = wrong | {"second": "serves other values" if second != served else log}
+        return wrong | promises.failures(served)
 
-    def _start(self) -> tuple[Values | None, str]:
-        """What the service serves on the files that are there, and what it logs."""
+    @functools.cache
+    def _start(self, image: Image, words: Words) -> tuple[Values | None, str, Image, dict[str, str]]:
+        """What the service serves on these files, what it logs, and the files after that."""
+        write_tree(words)
+        put_image(image)
         self.starter.stdin.write(b"s")
         self.starter.stdin.flush()
         status = int(self.starter.stdout.readline())
         if status != 0:
-            return None, f"wait status {status}"
-        lines = pathlib.Path("/tmp/powercut.values").read_text().split("\n")
-        return dict(zip(lines[::2], lines[1::2])), pathlib.Path("/tmp/powercut.log").read_text()
-
-    def _start_twice(self, trees: int) -> tuple[Values | None, dict[str, str]]:
-        served, log = self._start()
-        if served is None:
-            return None, {"start": log}
+            return None, "", image, {"start": f"wait status {status}"}
         wrong = {} if sealed(LIVE) else {"sidecar": "of the live file"}
         try:
             if sealed(BACKUP_DB):
                 rows(BACKUP_DB, "CONFIG")
         except sqlite3.Error as error:
             wrong["backup"] = str(error)
-        after = (image_of(stored_files()), trees)
-        if after not in self.seconds:
-            self.seconds[after] = self._start()
-        second, log = self.seconds[after]
-        if second != served or "live database sound" not in log:
-            wrong["second"] = "serves other values" if second != served else log
-        return served, wrong
+        lines = pathlib.Path("/tmp/powercut.values").read_text().split("\n")
+        log = pathlib.Path("/tmp/powercut.log").read_text()
+        return dict(zip(lines[::2], lines[1::2])), log, image_of(stored_files()), wrong
 
-    def _wrong_factory(self, trees: list[list[str]]) -> dict[str, str]:
+    @functools.cache
+    def _wrong_factory(self, image: Image, trees: tuple[Words, ...]) -> dict[str, str]:
+        write_tree(trees[-1])
+        put_image(image)
         status = subprocess.run(["kelconf-init"]).returncode
         made = status == 0 and sealed(FACTORY)
         if made and any(rows(FACTORY, "CONFIGDEFAULT") == tree_of(words) for words in trees):

@@ -32,7 +32,7 @@ def images(records: list[Record], most: int, model: str, factory: bool
             disk.at += 1
             continue
         disk.apply(record)
-        if promises.quiet() or record.operation in ("sent", "tree"):
+        if promises.quiet or record.operation in ("sent", "tree"):
             continue
         for i, (image, lost) in enumerate(disk.images(most)):
             yield image, promises, at, lost, i == 0

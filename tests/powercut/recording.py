@@ -34,29 +34,23 @@ class Record(NamedTuple):
         return f"{self.operation} {self.path}{size}"
 
 
-def append(record: Record) -> None:
-    operation, path, file, number, data = record
+def append(operation: str, path: str = "", number: int = 0, data: bytes = b"") -> None:
+    file = os.lstat(path).st_ino if path else 0
     with open(PATH, "ab", buffering=0) as trace:
         head = HEAD.pack(operation.encode(), len(path), file, number, len(data))
         trace.write(head + path.encode() + data)
 
 
 def mark(operation: str, data: Any = None, number: int = 0) -> None:
-    append(Record(operation, number=number, data=json.dumps(data).encode()))
+    append(operation, "", number, json.dumps(data).encode())
 
 
 def read() -> list[Record]:
+    records = []
     with open(PATH, "rb") as trace:
-        text = trace.read()
-    records, at = [], 0
-    while at < len(text):
-        operation, path_size, file, number, data_size = HEAD.unpack_from(text, at)
-        path_end = at + HEAD.size + path_size
-        path, at = text[at + HEAD.size : path_end].decode(), path_end + data_size
-        name = operation.rstrip(b"\0").decode()
-        records.append(Record(name, path, file, number, text[path_end:at]))
+        while head := trace.read(HEAD.size):
+            operation, path_size, file, number, data_size = HEAD.unpack(head)
+            path = trace.read(path_size).decode()
+            name = operation.rstrip(b"\0").decode()
+            records.append(Record(name, path, file, number, trace.read(data_size)))
     return records
-
-
-def inode(path: str) -> int:
-    return os.lstat(path).st_ino

@@ -16,7 +16,7 @@ import recording
 from disk import Disk, Image, image_of
 from judge import (BACKUP_DB, BUILD, LATER, LIVE, NOTHING, STORED, put_image, sealed, stored_files,
                    tree_of, write_tree)
-from recording import Record, inode, mark
+from recording import mark
 
 CONTROL = struct.Struct("<3i8s32s")  # as in recorder.cpp
 POLL = 0.02  # s
@@ -68,8 +68,8 @@ class Stage:
             self.service.wait()
 
     def do_tree(self, *words: str) -> None:
-        self.tree = tree_of(list(words))
-        write_tree(list(words))
+        self.tree = tree_of(words)
+        write_tree(words)
         mark("tree", words)
 
     def do_database(self, *words: str) -> None:
@@ -104,11 +104,11 @@ class Stage:
         names = [name for name in self.tree
                  if name == "private." + word or (word == "v*" and name.startswith("private.v"))]
         self.sets += 1
-        mark("sent", ({name: value for name in names}, promise), self.sets)
+        mark("sent", (dict.fromkeys(names, value), promise), self.sets)
         kind = kelbus.Kind.SET if promise == LATER else kelbus.Kind.DIRECT
         with kelbus.Client(timeout=60) as bus:
             try:
-                bus.set_many({name: value for name in names}, kind)
+                bus.set_many(dict.fromkeys(names, value), kind)
                 mark("answered", promise, self.sets)
             except kelbus.NoService:
                 self.service.wait(60)
@@ -148,16 +148,16 @@ class Stage:
         """These files lie there from now on, instead of what was recorded."""
         mark("quiet")
         for path in stored_files():
-            recording.append(Record("unlink", path, inode(path)))
+            recording.append("unlink", path)
         put_image(image)
         for path, content in stored_files().items():
-            recording.append(Record("create", path, inode(path)))
-            recording.append(Record("write", path, inode(path), 0, content))
+            recording.append("create", path)
+            recording.append("write", path, 0, content)
         mark("sync")
         mark("restored")
 
     def do_delete(self) -> None:
-        recording.append(Record("unlink", str(LIVE), inode(str(LIVE))))
+        recording.append("unlink", str(LIVE))
         LIVE.unlink()
         mark("sync")
 
@@ -169,7 +169,7 @@ class Stage:
         with open(LIVE, "r+b") as file:
             os.pwrite(file.fileno(), bad, at)
         os.utime(LIVE, ns=(times.st_atime_ns, times.st_mtime_ns))  # rot leaves no trace in the times
-        recording.append(Record("write", str(LIVE), times.st_ino, at, bad))
+        recording.append("write", str(LIVE), at, bad)
         mark("sync")
 
     def do_fault(self, calls: str, path: str, skip: str, times: str, error: str) -> None:
