@@ -56,7 +56,6 @@ class Life : public testing::Test {
     }
     void TearDown() override { forgetMemory(); }
     std::string logged() { return log.take().console; }
-    static std::string stored(const std::string& name) { return storedIn(paths::kLiveDb, name); }
     // What a transaction leaves that is cut short once its pages go into the file.
     static Flash tornByTransaction() {
         const auto other =

@@ -72,6 +72,10 @@ inline std::string storedIn(const char* path, const std::string& name) {
     return rows.empty() ? "(none)" : rows[0][0];
 }
 
+inline std::string stored(const std::string& name) {
+    return storedIn(paths::kLiveDb, name);
+}
+
 // Another process in the live file, as long as the result lives.
 inline auto otherDoes(const char* statements) {
     sqlite3* database = nullptr;

@@ -10,25 +10,12 @@
 #include <dlfcn.h>
 
 #include <atomic>
-#include <chrono>
-#include <future>
-#include <memory>
 #include <thread>
 
 namespace kelconf::test {
 namespace {
 
-// Whether another thread gets it within a moment; it goes on by itself once it can.
-bool canTake(std::int32_t (*enter)(), std::int32_t (*leave)()) {
-    auto taken = std::make_shared<std::promise<void>>();
-    auto result = taken->get_future();
-    std::thread([=] {
-        enter();
-        leave();
-        taken->set_value();
-    }).detach();
-    return result.wait_for(std::chrono::milliseconds{150}) == std::future_status::ready;
-}
+thread_local bool only_trying = false;
 
 const struct {
     const char* name;
@@ -44,59 +31,54 @@ using Steps = std::vector<std::string>;
 Steps steps;
 std::atomic<bool> watching{false};
 
-// A lock that is held stays so until the step is over; one that is free is had at once.
+// The step, and which locks are held; none of them can be entered twice, even by one thread.
 void note(std::string step) {
+    only_trying = true;
     for (const auto& [name, enter, leave] : kLocks) {
-        step += canTake(enter, leave) ? "" : name;
+        step += enter() == 0 ? (leave(), "") : name;
     }
+    only_trying = false;
     steps.push_back(std::move(step));
 }
 
-template <typename Call>
-Call real(const char* name) {
-    return reinterpret_cast<Call>(dlsym(RTLD_NEXT, name));
-}
+// The C library's or ZeroMQ's own function of this name.
+#define REAL(name) reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
 
 } // namespace
-} // namespace kelconf::test
-
-using kelconf::test::real;
-using kelconf::test::watching;
 
 extern "C" {
 
+int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    return only_trying ? pthread_mutex_trylock(mutex) : REAL(pthread_mutex_lock)(mutex);
+}
+
 void sync() noexcept {
     if (watching) {
-        kelconf::test::note(kelconf::checkConfigDBMD5() ? "sync sealed" : "sync");
+        note(checkConfigDBMD5() ? "sync sealed" : "sync");
     }
 }
 
 int fsync(int fd) {
-    char link[64];
-    char path[256] = "";
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    if (watching && readlink(link, path, sizeof path - 1) > 0 &&
-        std::string_view{path} == kelconf::paths::kBackupDb) {
-        kelconf::test::note(kelconf::backup_pending == 1 ? "copy pending" : "copy");
+    std::error_code error;
+    if (watching && std::filesystem::equivalent("/proc/self/fd/" + std::to_string(fd),
+                                                paths::kBackupDb, error)) {
+        note(backup_pending == 1 ? "copy pending" : "copy");
     }
-    return real<int (*)(int)>("fsync")(fd);
+    return REAL(fsync)(fd);
 }
 
 int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
-    if (watching && socket == kelconf::eventSock) {
+    if (watching && socket == eventSock) {
         const std::string_view text{static_cast<const char*>(zmq_msg_data(message)),
                                     zmq_msg_size(message)};
-        const char* what = text.find("p.state") != std::string_view::npos ? "event at once"
-                           : kelconf::checkConfigDBMD5()                  ? "event sealed"
-                                                                          : "event";
-        kelconf::test::note(what);
+        const bool at_once = text.find("p.state") != std::string_view::npos;
+        note(at_once ? "event at once" : checkConfigDBMD5() ? "event sealed" : "event");
     }
-    return real<int (*)(zmq_msg_t*, void*, int)>("zmq_msg_send")(message, socket, flags);
+    return REAL(zmq_msg_send)(message, socket, flags);
 }
 
 } // extern "C"
 
-namespace kelconf::test {
 namespace {
 
 TEST(Order, OfADirectSetAndItsBackup) {

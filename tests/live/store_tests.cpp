@@ -42,24 +42,12 @@ class LiveStore : public testing::Test {
         emptyLists();
     }
     Lines logged() { return sameInBothSinks(log.take()); }
-    static std::string stored(const std::string& name) { return storedIn(paths::kLiveDb, name); }
     static void load() {
         emptyLists();
         loadSQLDB();
     }
     DeviceLog log;
 };
-
-TEST_F(LiveStore, TheTableIsMadeOnceAsDescribed) {
-    EXPECT_EQ(sql(paths::kLiveDb, "SELECT sql FROM sqlite_schema WHERE type='table'"),
-              (SqlRows{{"CREATE TABLE CONFIG( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT               "
-                        ",TYPE  TEXT           )"}}));
-    createSQLTable();
-    EXPECT_EQ(logged(), Lines{});
-    std::filesystem::remove(paths::kLiveDb);
-    createSQLTable();
-    EXPECT_EQ(logged(), Lines{"0 Table created successfully\n"});
-}
 
 TEST_F(LiveStore, TextsAreStoredAndNeverExecuted) {
     for (const char* name : {"plain", "it's", "x'); DROP TABLE CONFIG; --", "\xc3\xa9", "a\"b"}) {
@@ -79,7 +67,11 @@ TEST_F(LiveStore, TextsAreStoredAndNeverExecuted) {
     EXPECT_EQ(querySQLTable(nullptr), 0);
 }
 
-TEST_F(LiveStore, LoadingFillsAndSortsTheList) {
+TEST_F(LiveStore, TheTableIsMadeOnceAndLoadedSorted) {
+    const SqlRows table = sql(paths::kLiveDb, "SELECT sql FROM sqlite_schema WHERE type='table'");
+    EXPECT_EQ(table, (SqlRows{{"CREATE TABLE CONFIG( NAME  TEXT  PRIMARY KEY  ,VALUE TEXT         "
+                               "      ,TYPE  TEXT           )"}}));
+    createSQLTable();
     sql(paths::kLiveDb, "INSERT INTO CONFIG VALUES "
                         "('b','2','realtime'),('a',NULL,NULL),(NULL,'x','y'),('c','3','Realtime')");
     load();
@@ -92,7 +84,10 @@ TEST_F(LiveStore, LoadingFillsAndSortsTheList) {
     sql(paths::kLiveDb, "DROP TABLE CONFIG");
     load();
     EXPECT_EQ(CheckParamListLength(), 0);
-    EXPECT_EQ(logged(), Lines{"0 SQL error: no such table: CONFIG\n"});
+    createSQLTable();
+    EXPECT_EQ(logged(),
+              (Lines{"0 SQL error: no such table: CONFIG\n", "0 Table created successfully\n"}));
+    sql(paths::kLiveDb, "DROP TABLE CONFIG");
     EXPECT_EQ(checkDataBaseIntegrity(paths::kLiveDb) + querySQLTable("a"), 0);
 }
 
@@ -103,15 +98,16 @@ TEST_F(LiveStore, ALockedDatabaseIsTriedTenTimesASecondApart) {
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
-        Lines ten_attempts;
-        for (int attempt = 0; attempt < 10; ++attempt) {
-            ten_attempts.emplace_back("2 PRAGMA sync full error:database is locked\n");
-            ten_attempts.emplace_back("2 SQL error: database is locked\n");
-        }
-        EXPECT_EQ(logged(), ten_attempts);
+        const Lines ten_attempts = logged();
         endUpdateRetries();
         EXPECT_EQ(robustUpdateSQLEntry("a", "2"), 0);
-        EXPECT_EQ(logged().size(), 2U) << "one attempt once the service ends";
+        const Lines one_attempt = logged(); // once the service ends
+        EXPECT_EQ(one_attempt, (Lines{"2 PRAGMA sync full error:database is locked\n",
+                                      "2 SQL error: database is locked\n"}));
+        ASSERT_EQ(ten_attempts.size(), 20U);
+        for (auto at = ten_attempts.begin(); at != ten_attempts.end(); at += 2) {
+            EXPECT_EQ(Lines(at, at + 2), one_attempt);
+        }
     }
     const auto reader = otherDoes("BEGIN; SELECT * FROM CONFIG");
     EXPECT_EQ(updateSQLEntry("a", "2"), 0) << "a commit that fails is an attempt that failed";
@@ -132,13 +128,9 @@ int watchConnection(sqlite3* database, char** /*message*/, const void* /*routine
     return sqlite3_set_authorizer(database, refuse, nullptr);
 }
 
-int insertNew() {
-    return insertSQLEntry("new", "stored", "");
-}
-int updateOld() {
-    return updateSQLEntry("old", "stored");
-}
-int buildNew() {
+const auto insertNew = [] { return insertSQLEntry("new", "stored", ""); };
+const auto updateOld = [] { return updateSQLEntry("old", "stored"); };
+const auto buildNew = [] {
     initXitemList();
     const xitem item{newText("new"), newText("stored"), newText(""),
                      newText(""),    newText(""),       newText(""),
@@ -147,7 +139,7 @@ int buildNew() {
     addXItemInDatabase();
     delXitemList();
     return 1;
-}
+};
 
 TEST_F(LiveStore, RefusedStatementsAreToldInTheWordsOfEachOperation) {
     const auto expect = [&](const char* what, int (*run)(), int result, const char* stored,

@@ -1,20 +1,16 @@
 """What a power cut can leave of files that were being written.
 
-A Disk follows a trace (recording.py) and knows what is on the medium for sure and what is only on its
-way. Data are lost by blocks of 4 KiB: each unflushed block may be there as it was flushed last
-or as any write since has left it; one that was never written reads as zeros. On names and sizes
-two models differ:
-  ordered  they arrive in the order in which they were changed; fsync of any file or directory
-           brings all earlier ones, fdatasync of a file too when its own size or name is among
-           them
-  loose    each arrives or not, independently; fsync and fdatasync bring the file's data and
-           size alone, a name is there for sure by fsync of its directory. The letter of POSIX.
-A rename is one step in both; sync brings everything.
+A Disk follows a trace (recording.py) and knows what is on the medium for sure and what is only on
+its way, by the letter of POSIX: fsync and fdatasync bring the file's data and size alone, a name is
+there for sure by fsync of its directory, sync brings everything. Whatever else is on its way arrives
+or not: names and sizes in the order in which they were changed, as most file systems have it, or
+each by itself. Data are lost by blocks of 4 KiB: each unflushed block may be there as it was flushed
+last or as any write since has left it; one that was never written reads as zeros. A rename is one
+step.
 """
 
 import functools
 import itertools
-import math
 import random
 from collections import defaultdict
 from collections.abc import Callable, Iterator
@@ -38,7 +34,7 @@ def file_bytes(size: int, blocks: tuple[tuple[int, bytes], ...]) -> bytes:
 
 
 def image_of(files: dict[str, bytes]) -> Image:
-    disk = Disk(ordered=True)
+    disk = Disk()
     for number, (path, content) in enumerate(files.items()):
         disk.apply(Record("create", path, number))
         disk.apply(Record("write", path, number, 0, content))
@@ -49,15 +45,12 @@ class Change(NamedTuple):
     """A name, a size or a block on its way."""
 
     at: int  # number of the record
-    where: tuple[int, int]  # inode number, and the number of the block, SIZE or NAME
-    # Ordered: a name, a size, or a block emptied by a truncation, which comes after all earlier
-    # writes of that block and before all later ones.
-    in_order: bool
     record: Record
+    index: int  # of the block, or SIZE, NAME
     value: Any = None
 
     def __str__(self) -> str:
-        what = {SIZE: "size", NAME: "name"}.get(self.where[1], f"block {self.where[1]}")
+        what = {SIZE: "size", NAME: "name"}.get(self.index, f"block {self.index}")
         return f"{what} of {self.record.path.rpartition('/')[2]} #{self.at}"
 
 
@@ -67,15 +60,15 @@ class State:
         self.files: dict[int, dict[int, Any]] = defaultdict(lambda: {SIZE: 0})
 
     def make(self, change: Change) -> None:
-        (file, index), record = change.where, change.record
-        if index != NAME:
-            self.files[file][index] = change.value
+        record = change.record
+        if change.index != NAME:
+            self.files[record.file][change.index] = change.value
             return
         old = record.data.decode() if record.operation == "rename" else record.path
-        if record.operation in ("unlink", "rename") and self.names.get(old) == file:
+        if record.operation in ("unlink", "rename") and self.names.get(old) == record.file:
             del self.names[old]
         if record.operation != "unlink":
-            self.names[record.path] = file
+            self.names[record.path] = record.file
 
     def image(self) -> Image:
         files = []
@@ -88,8 +81,7 @@ class State:
 
 
 class Disk:
-    def __init__(self, ordered: bool) -> None:
-        self.ordered = ordered
+    def __init__(self) -> None:
         self.at = 0
         self.durable = State({})
         self.now: dict[int, bytearray] = defaultdict(bytearray)  # the files, as programs see them
@@ -100,77 +92,68 @@ class Disk:
         self.at += 1
         match record.operation:
             case "create" | "unlink" | "rename" | "link":
-                self._add(record, NAME, True)
+                self.pending.append(Change(self.at, record, NAME))
             case "write" | "truncate":
                 self._change_data(record)
             case "sync":
                 self._settle(lambda change: True)
             case "names":
-                self._settle(lambda change: change.in_order or (
-                    change.where[1] == NAME
-                    and change.record.path.rpartition("/")[0] == record.path))
+                self._settle(lambda change: change.index == NAME
+                             and change.record.path.rpartition("/")[0] == record.path)
             case "fsync" | "fdatasync":
-                if record.operation == "fsync" or any(
-                        change.in_order and change.where[0] == record.file for change in self.pending):
-                    self._settle(lambda change: change.in_order)
-                self._settle(lambda change: change.where[0] == record.file and change.where[1] != NAME)
-
-    def _add(self, record: Record, index: int, in_order: bool, value: Any = None) -> None:
-        where = record.file, index
-        self.pending.append(Change(self.at, where, in_order and self.ordered, record, value))
+                self._settle(lambda change: change.index != NAME
+                             and change.record.file == record.file)
 
     def _change_data(self, record: Record) -> None:
-        now, begin, cut = self.now[record.file], record.number, record.operation == "truncate"
+        now, begin = self.now[record.file], record.number
         before, end = len(now), begin + len(record.data)
         now.extend(bytes(max(0, end - before)))
-        if cut:
+        if record.operation == "truncate":
             end = before
             del now[begin:]
         else:
             now[begin:end] = record.data
         for i in range(begin // BLOCK, -(-end // BLOCK)):
             block = bytes(now[i * BLOCK : (i + 1) * BLOCK]).rstrip(b"\0")
-            self._add(record, i, cut and begin <= i * BLOCK, block)
+            self.pending.append(Change(self.at, record, i, block))
         if len(now) != before:
-            self._add(record, SIZE, True, len(now))
+            self.pending.append(Change(self.at, record, SIZE, len(now)))
 
     def _settle(self, which: Callable[[Change], bool]) -> None:
-        """These are durable from now on; a truncation undoes what was written before it."""
-        emptied = {change.where: change.at for change in self.pending
-                   if change.in_order and change.where[1] >= 0 and which(change)}
-        left = [change for change in self.pending if change.at >= emptied.get(change.where, 0)]
-        for change in filter(which, left):
+        for change in filter(which, self.pending):
             self.durable.make(change)
-        self.pending = list(itertools.filterfalse(which, left))
+        self.pending = list(itertools.filterfalse(which, self.pending))
 
     def images(self, most: int) -> Iterator[tuple[Image, list[Change]]]:
         """Images that a cut now can leave, and what each lacks.
 
-        At most `most` of them (see choices; ordered: for each prefix of what comes in order). The
-        first lacks nothing; one may come several times.
+        At most `most` (see choices) for each prefix of the names and sizes, and as many in which
+        these, too, arrive each by itself. The first lacks nothing, the last has nothing of what is
+        on its way; one may come several times.
         """
-        cuts = {change.at for change in self.pending if change.in_order}
+        cuts = {change.at for change in self.pending if change.index < 0}
         for cut in sorted(cuts | {0}, reverse=True):
-            yield from self._images_up_to(cut, most)
+            yield from self._images([None if change.index >= 0 else change.at <= cut
+                                     for change in self.pending], most)
+        yield from self._images([None] * len(self.pending), most)
 
-    def _images_up_to(self, cut: int, most: int) -> Iterator[tuple[Image, list[Change]]]:
-        late = [change for change in self.pending if change.in_order and change.at > cut]
-        truncated = {change.where: change.at for change in reversed(late)}
-        changes = [change for change in self.pending
-                   if change.at < truncated.get(change.where, math.inf)
-                   and not (change.in_order and change.at > cut)]
+    def _images(self, arrives: list[bool | None], most: int) -> Iterator[tuple[Image, list[Change]]]:
+        """`arrives`: which changes do; None where both are possible."""
         names = State(self.durable.names)
-        for change in changes:
-            if change.in_order:
+        named = set()
+        for change, known in zip(self.pending, arrives):
+            if change.index == NAME and known:
                 names.make(change)
-        named = set(names.names.values())
-        named |= {c.where[0] for c in changes if c.where[1] == NAME and not c.in_order}
-        changes = [c for c in changes if c.where[1] == NAME or c.where[0] in named]
-        for choice in choices(sum(not change.in_order for change in changes), most):
-            state, lost, kept = State(self.durable.names), list(late), iter(choice)
+            elif change.index == NAME and known is None:
+                named.add(change.record.file)
+        named.update(names.names.values())
+        changes = [(change, known) for change, known in zip(self.pending, arrives)
+                   if change.index == NAME or change.record.file in named]
+        for choice in choices(sum(known is None for _, known in changes), most):
+            state, lost, chosen = State(self.durable.names), [], iter(choice)
             state.files.update((file, dict(self.durable.files[file])) for file in named)
-            for change in changes:
-                if change.in_order or next(kept):
+            for change, known in changes:
+                if next(chosen) if known is None else known:
                     state.make(change)
                 else:
                     lost.append(change)

@@ -137,11 +137,11 @@ class Stage:
         mark("ended")
         self.do_heal()
 
-    def do_cut(self, model: str) -> None:
-        disk = Disk(model == "ordered")
+    def do_cut(self) -> None:
+        disk = Disk()
         for record in recording.read():
             disk.apply(record)
-        *_, (last, _lost) = disk.images(2)
+        *_, (last, _) = disk.images(2)
         self._replace_flash(last)
 
     def _replace_flash(self, image: Image) -> None:
