@@ -16,7 +16,8 @@
 // Kinds: stat, open (for reading), openw (for writing), create (a file that was not there),
 // read, write, truncate, remove, sync, lock, close. For one thread, as kelconf-init is.
 
-#include <dlfcn.h>
+#include "support/interposed.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -137,22 +138,6 @@ auto guard(const char* kind, std::string_view path, Real real, std::size_t size 
     return result;
 }
 
-template <typename Function>
-Function next(Function /*like*/, const char* name) {
-    void* found = dlsym(RTLD_NEXT, name);
-    if (found == nullptr) {
-        std::abort();
-    }
-    return reinterpret_cast<Function>(found);
-}
-
-// The C library's own function of this name, looked up once.
-#define REAL(name)                                                                                 \
-    ([] {                                                                                          \
-        static const auto real = next(&::name, #name);                                             \
-        return real;                                                                               \
-    }())
-
 const char* kindOfOpen(const char* path, int flags) {
     if ((flags & (O_ACCMODE | O_CREAT)) == O_RDONLY) {
         return "open";
@@ -162,10 +147,6 @@ const char* kindOfOpen(const char* path, int flags) {
 }
 
 } // namespace
-
-// The names with "64" are the same functions: off_t has 64 bits.
-static_assert(sizeof(off_t) == 8);
-#define SAME_AS(name) __attribute__((alias(name)))
 
 // A function that takes a path first, or a descriptor: its name, the kind of its calls, and its
 // parameters and arguments after the first.

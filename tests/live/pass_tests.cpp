@@ -6,8 +6,7 @@
 #include "daemon/bus_client.h"
 #include "files/md5_sidecar.h"
 #include "live_device.h"
-
-#include <dlfcn.h>
+#include "support/interposed.h"
 
 #include <atomic>
 #include <thread>
@@ -40,9 +39,6 @@ void note(std::string step) {
     only_trying = false;
     steps.push_back(std::move(step));
 }
-
-// The C library's or ZeroMQ's own function of this name.
-#define REAL(name) reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
 
 } // namespace
 

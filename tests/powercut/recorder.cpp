@@ -3,7 +3,8 @@
 // Flushes are recorded, not made: what they would have brought is what the images are built from.
 // Any number of threads; one operation at a time.
 
-#include <dlfcn.h>
+#include "support/interposed.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -44,9 +45,6 @@ struct Control {
 };
 
 std::mutex mutex;
-
-// The C library's own function of this name.
-#define REAL(name) reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
 
 int openUnrecorded(const char* path, int flags) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | O_CLOEXEC, 0600));
@@ -148,10 +146,6 @@ timespec scaled(const timespec& moment, std::int64_t up, std::int64_t down) {
 
 } // namespace
 
-// The names with "64" are the same functions: off_t has 64 bits.
-static_assert(sizeof(off_t) == 8);
-#define SAME_AS(name) __attribute__((alias(name)))
-
 extern "C" {
 
 int open(const char* path, int flags, ...) {
@@ -216,8 +210,8 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 }
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* lock, clockid_t clock,
                            const timespec* until) {
-    const timespec real = clock == CLOCK_MONOTONIC ? scaled(*until, 1, kHaste) : *until;
-    return REAL(pthread_cond_clockwait)(condition, lock, clock, &real);
+    const timespec end = clock == CLOCK_MONOTONIC ? scaled(*until, 1, kHaste) : *until;
+    return REAL(pthread_cond_clockwait)(condition, lock, clock, &end);
 }
 
 } // extern "C"
