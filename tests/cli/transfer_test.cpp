@@ -48,7 +48,7 @@ TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
     const Device device{smallTree()};
     const std::string before = listed();
     const struct {
-        const char* content;
+        std::string content;
         int status;
         const char* complaint;
     } table[] = {
@@ -64,6 +64,13 @@ TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
         {"{\"cam.name\":\"x\",\"cam.name\":\"y\"}", 2, "/tmp/f: cam.name: stands there twice"},
         {"{\"cam.name\":\"x\",\"cam.text\":[1]}", 2, "/tmp/f: cam.text: is neither a text nor"},
         {"{\"cam.name\":\"x\"", 2, "/tmp/f: no JSON"},
+        {R"({"cam.name":5,{"":6}:"","":{},"":{}})", 2, "/tmp/f: no JSON"},
+        {R"({"cam.name":"\ud83d"})", 2, "/tmp/f: no JSON"},
+        {R"({"cam.name":"\u0000"})", 2, "/tmp/f: no JSON"},
+        {R"({"cam.name":01})", 2, "/tmp/f: no JSON"},
+        {R"({"cam.name":"x"}})", 2, "/tmp/f: no JSON"},
+        {"{\"cam.name\":" + std::string(200, '[') + std::string(200, ']') + "}", 2, "no JSON"},
+        {R"({"cam.name":[-1e+5,{"a":null}]})", 2, "/tmp/f: cam.name: is neither a text"},
         {"{\"cam.name\":\"x\",\"cam.text\":\"\\u0001\"}", 2,
          "cam.text: the value holds the control"},
         {"{\"cam.name\":\"x\",\"cam.port\":0.0}", 2, "/tmp/f: cam.port: must be"},
@@ -82,6 +89,9 @@ TEST(KelctlTransfer, NothingIsSetWhenALineIsRefused) {
               "-cam.name=camera\n+cam.name=new name\n");
     EXPECT_EQ(listed(), before);
     EXPECT_EQ(shell("kelctl import - </tmp/f && kelctl get -n cam.name").out, "new name\n");
+    writeFile("/tmp/f", R"( {"cam.name" : "\u00e9\ud83d\ude00\/\"" , "cam.port":81 } )");
+    EXPECT_EQ(shell("kelctl import /tmp/f && kelctl get -n cam.name cam.port").out,
+              "\xc3\xa9\xf0\x9f\x98\x80/\"\n81\n");
 }
 
 TEST(KelctlTransfer, JsonAndTheEditorBringTheSame) {

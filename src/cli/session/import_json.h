@@ -1,7 +1,8 @@
-// Settings as a JSON object of names and values, as export --json prints them.
+// Settings as a JSON object of names and values, as export --json prints them (RFC 8259).
 //
-// SQLite reads it, which kelctl has for default.db: a library for JSON alone would make it a third
-// larger. A text is taken as it is, a number by its digits, true and false as 1 and 0.
+// Read by the few lines below: SQLite, which kelctl has for default.db, takes objects for names and
+// then falls over them (3.40), and a library for JSON alone would make kelctl a third larger. A
+// text is taken as it is, a number by its digits, true and false as 1 and 0.
 #pragma once
 
 #include "cli/output/export_format.h"
