@@ -206,7 +206,7 @@ TEST(ReplyReaders, Agree) {
         replyOf("GET_RESPONSE_FAIL_ACTION",
                 "<parameter name=\"a\"></parameter><parameter name=\"b\"/>"),
         replyOf("EVENT_ACTION",
-                "<parameter name=\"a&#10;&quot;b\" prev_value=\"&lt;&#xE9;\">1 &#13;\n\t"
+                "<parameter name=\"a&#10;&quot;&amp;b\" prev_value=\"&lt;&#xE9;\">1 &#13;\n\t"
                 "&amp;&gt;&#x1F4F7;\"</parameter><parameter name=\"network.name\" "
                 "prev_value=\"before it\">after it was</parameter>")};
     const std::string bytes = "<>&;\"'#x/ =\n\r\t]!?aAp0:\x01\x7F\xC3";
