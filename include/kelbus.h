@@ -55,7 +55,9 @@ typedef enum {
     KELBUS_BAD_ARGUMENT, /* null, an empty name, a text that XML cannot carry, a request over 16
                             MiB; a value that is not of the type asked for */
     KELBUS_NO_MEMORY,    /* or no descriptor or thread: the process is at a limit of its own */
-    KELBUS_NO_CATALOG    /* kelbus_catalog.h: the factory defaults cannot be read */
+    KELBUS_NO_CATALOG,   /* kelbus_catalog.h: the factory defaults cannot be read */
+    KELBUS_NOT_IN_VIEW,  /* kelbus_view: the value is for the bus alone */
+    KELBUS_TOO_SMALL     /* kelbus_view: the buffer */
 } kelbus_error;
 
 /* Where a value that is set is kept. */
@@ -68,6 +70,7 @@ typedef enum {
 typedef struct kelbus kelbus;
 typedef struct kelbus_request kelbus_request;
 typedef struct kelbus_watch kelbus_watch;
+typedef struct kelbus_view kelbus_view;
 
 typedef struct {
     const char* name;
@@ -239,6 +242,61 @@ kelbus_error kelbus_watch_next(kelbus_watch* watch, kelbus_change* change, int t
 
 /* Ends the subscription and releases the watch. Null is ignored. */
 void kelbus_watch_close(kelbus_watch* watch);
+
+/* ---- The view: values without a request ---------------------------------------------------------
+ */
+
+/* The service keeps its values in a file as well, which the view maps. A read takes some hundred
+   nanoseconds and no system call, but for one in about 20 ms; it can neither hold the service up
+   nor be held up by it, but for the moment of a change.
+
+   A value is whole, as one SET left it; values that one SET set together are there together. A read
+   that begins after a SET was answered, or after its event came, sees it; reads of one view never
+   go back in time. While a service that was killed is not known to be gone, for up to 20 ms, a read
+   may give its last values; a service that ended in order is known at once. A new start is found by
+   itself, within 20 ms.
+
+   Passwords (names with "password" or "passwd") and values over 64 KiB are not in it: ask the bus.
+   It also has no reader where the service could not make the file (a full /tmp). So
+   KELBUS_NOT_IN_VIEW and KELBUS_NO_SERVICE are reasons to use a client.
+
+   Threads: any number may use one view at the same time. A child of fork() may go on with its
+   parent's. The file must not be made shorter by the service's user while it is mapped: the
+   kernel's answer to that is SIGBUS. */
+
+/* Makes a view. Needs no running service. On failure (KELBUS_BAD_ARGUMENT, KELBUS_NO_MEMORY) *view
+   is null. */
+kelbus_error kelbus_view_open(kelbus_view** view);
+
+/* Releases the view; no other thread may be using it. Null is ignored. */
+void kelbus_view_close(kelbus_view* view);
+
+/* Copies one value and a zero byte into the buffer of `size` bytes; *length, which may be null, is
+   the value's length without that byte. KELBUS_TOO_SMALL: *length + 1 bytes are needed. Other
+   errors of this and the calls below: KELBUS_NO_SERVICE, KELBUS_REFUSED when the file is not open
+   to you, KELBUS_TIMEOUT when the service has stood still in the middle of a change for 100 ms,
+   KELBUS_BROKEN_REPLY for a file of another version. The buffer's content is then undefined. */
+kelbus_error kelbus_view_get(kelbus_view* view, const char* name, char* buffer, size_t size,
+                             size_t* length);
+
+/* Reads the values of `count` names, all as they are at one moment; *values is as of
+   kelbus_get_many, also with KELBUS_UNKNOWN_NAME. KELBUS_NOT_IN_VIEW when one of them is not;
+   *values is then null. */
+kelbus_error kelbus_view_get_many(kelbus_view* view, const char* const* names, size_t count,
+                                  kelbus_values** values);
+
+/* Calls `visit` for each parameter whose name begins with `prefix`, in ascending byte order of the
+   names, until it returns false. `value` is null where it is not in the view; `name` and `value`
+   are valid until `visit` returns. Each value is as it is when its turn comes: they are of one
+   moment when kelbus_view_changes says the same before and after. `visit` may use the view. */
+kelbus_error kelbus_view_visit(kelbus_view* view, const char* prefix,
+                               bool (*visit)(void* context, const char* name, const char* value,
+                                             size_t length),
+                               void* context);
+
+/* A number that is another one after each change of any value and after each start of the service,
+   within nanoseconds. 0: no service, or no view. */
+uint64_t kelbus_view_changes(kelbus_view* view);
 
 /* NOLINTEND(modernize-deprecated-headers, modernize-use-using) */
 #ifdef __GNUC__

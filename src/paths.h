@@ -35,6 +35,8 @@ inline constexpr const char* kLiveEvidence = "/mnt/nand/conf/conf.db.damaged";
 // Copy of a live database that cannot be read in its place, in memory and gone after the load.
 inline constexpr const char* kLiveCopy = "/tmp/kelbus/conf.db";
 inline constexpr const char* kLiveCopyJournal = "/tmp/kelbus/conf.db-journal";
+// The live values for readers beside the bus (view/layout.h), in memory.
+inline constexpr const char* kView = "/tmp/kelbus/view";
 inline constexpr const char* kBackupDb = "/mnt/backup/conf/conf_backup.db";
 inline constexpr const char* kBackupDbMd5 = "/mnt/backup/conf/conf_backup.db.md5";
 inline constexpr const char* kBackupDbJournal = "/mnt/backup/conf/conf_backup.db-journal";

@@ -59,6 +59,10 @@ const char* kelbus_strerror(kelbus_error error) {
         return "out of memory or descriptors";
     case KELBUS_NO_CATALOG:
         return "the factory defaults cannot be read";
+    case KELBUS_NOT_IN_VIEW:
+        return "the value is not in the view";
+    case KELBUS_TOO_SMALL:
+        return "the buffer is too small";
     }
     return "unknown error";
 }

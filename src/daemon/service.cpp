@@ -10,6 +10,7 @@
 #include "live/live.h"
 #include "log/keldebug.h"
 #include "service/item_queue.h"
+#include "service/published_values.h"
 #include "service/request_lists.h"
 #include "service/write_back.h"
 
@@ -139,6 +140,7 @@ class RetryDeadline {
 bool startService(LiveSource source) {
     connectLiveStore();
     loadLiveValues(std::move(source));
+    publishValues();
     if (!openBus()) {
         return false;
     }
@@ -155,6 +157,7 @@ void stopService() {
     {
         const RetryDeadline deadline;
         stopRequestLoops();
+        withdrawValues();
         endFileEvents();
         upkeep_ended.set(true);
         join(threads[kWriteBack]);

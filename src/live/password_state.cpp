@@ -8,6 +8,7 @@
 #include "paths.h"
 #include "service/param_list.h"
 #include "service/passwords.h"
+#include "service/published_values.h"
 #include "text/text.h"
 
 #include <algorithm>
@@ -39,6 +40,7 @@ PasswordMark currentMark() {
 void setLiveSwitch(const char* value) {
     if (ParamElement* flag = seekParamElement(kPasswordSwitch)) {
         replaceText(flag->value, value);
+        publishChanges({&flag, 1});
     }
 }
 

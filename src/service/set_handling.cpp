@@ -5,12 +5,14 @@
 #include "files/stored_file.h"
 #include "service/item_queue.h"
 #include "service/param_list.h"
+#include "service/published_values.h"
 #include "service/request_lists.h"
 #include "service/storage.h"
 #include "service/write_back.h"
 #include "text/text.h"
 
 #include <utility>
+#include <vector>
 
 namespace kelconf {
 
@@ -53,27 +55,36 @@ OwnedText exchangeValue(ParamElement& param, const char* value) {
     return OwnedText{std::exchange(param.value, copy)};
 }
 
-// True when the change was one of an ordinary parameter.
-bool applyChange(ParamElement& param, const char* value, Storing storing) {
-    const bool ordinary = param.persistent == 1;
+struct Announcement {
+    const ParamElement* param;
+    const char* value; // of the request
     OwnedText prev_value;
-    {
-        const CriticalSection lock;
-        if (ordinary && storing == Storing::kQueued) {
-            queueChange(param, value);
-            storage().endMemoryOnly(param.name);
-        } else if (ordinary) {
-            storage().keepInMemory(param.name, param.value);
-        }
-        prev_value = exchangeValue(param, value);
+};
+
+// What one request changed.
+struct Changes {
+    std::vector<ParamElement*> params;
+    std::vector<Announcement> to_announce; // at once, by the SET loop
+};
+
+// True when the change was one of an ordinary parameter. The parameter lock is held.
+bool applyChange(ParamElement& param, const char* value, Storing storing, Changes& changes) {
+    const bool ordinary = param.persistent == 1;
+    if (ordinary && storing == Storing::kQueued) {
+        queueChange(param, value);
+        storage().endMemoryOnly(param.name);
+    } else if (ordinary) {
+        storage().keepInMemory(param.name, param.value);
     }
+    OwnedText prev_value = exchangeValue(param, value);
+    changes.params.push_back(&param);
     if (!ordinary || storing == Storing::kNone) {
-        sendEvent(param.name, value, prev_value.get());
+        changes.to_announce.push_back({&param, value, std::move(prev_value)});
     }
     return ordinary;
 }
 
-Outcome applyAnswers(Storing storing) {
+Outcome applyEach(Storing storing, Changes& changes) {
     Outcome outcome{true, false};
     for (std::int32_t i = 0; i < CheckSetAnswerListLength(); ++i) {
         const AnswerElement* element = setAnswerAt(static_cast<std::uint32_t>(i));
@@ -87,8 +98,24 @@ Outcome applyAnswers(Storing storing) {
         if (param == nullptr) {
             outcome.all_known = false;
         } else if (!isUnchanged(*param, element->value)) {
-            outcome.ordinary_changed |= applyChange(*param, element->value, storing);
+            outcome.ordinary_changed |= applyChange(*param, element->value, storing, changes);
         }
+    }
+    return outcome;
+}
+
+// The lock is held over all of it: nothing is stored or announced that readers of the view could
+// not see yet, and they see the request's changes at once.
+Outcome applyAnswers(Storing storing) {
+    Changes changes;
+    Outcome outcome{true, false};
+    {
+        const CriticalSection lock;
+        outcome = applyEach(storing, changes);
+        publishChanges(changes.params);
+    }
+    for (const Announcement& change : changes.to_announce) {
+        sendEvent(change.param->name, change.value, change.prev_value.get());
     }
     return outcome;
 }

@@ -3,8 +3,9 @@
 // Each returns 1 when every named parameter exists, else 0; the known ones are applied either way,
 // in order. A change of an ordinary parameter is queued for the write-back, in the same holding of
 // the parameter lock that replaces its value; a realtime parameter counts as changed by every SET
-// and is announced at once, after the lock is released. An ordinary parameter that has the value
-// already is passed over.
+// and is announced at once. The lock is held over the whole request, at whose end its changes are
+// published together (service/published_values.h); events follow when it is released. An ordinary
+// parameter that has the value already is passed over.
 //
 // A value that contains paths::kFileStorage names a stored file. When such a value gives way to one
 // that does not, the file is deleted; never anything outside that directory.

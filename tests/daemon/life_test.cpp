@@ -113,7 +113,8 @@ TEST(Start, OfASecondIsRefusedAndDisturbsNothing) {
     resetDevice(treeOf(kWord));
     Daemon first;
     ASSERT_TRUE(first.awaitReady());
-    EXPECT_EQ(std::distance(fs::directory_iterator{"/tmp/kelbus"}, {}), 10) << "sockets and lock";
+    EXPECT_EQ(std::distance(fs::directory_iterator{"/tmp/kelbus"}, {}), 11)
+        << "sockets, lock and view";
     const auto bound = fs::last_write_time("/tmp/kelbus");
     const std::string database = readFile(paths::kLiveDb);
     expectRefused(1, "runs already, as process " + std::to_string(first.process()));

@@ -2,6 +2,8 @@
 
 #include "cli/output/output.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -63,6 +65,8 @@ int exitStatus(kelbus_error error) {
     case KELBUS_BROKEN_REPLY:
     case KELBUS_NO_MEMORY:
     case KELBUS_NO_CATALOG:
+    case KELBUS_NOT_IN_VIEW:
+    case KELBUS_TOO_SMALL:
         break;
     }
     return kBroken;
@@ -95,26 +99,122 @@ std::vector<const char*> cTexts(const std::vector<std::string>& texts) {
     return result;
 }
 
+namespace {
+
+kelbus_view* view() {
+    struct CloseView {
+        void operator()(kelbus_view* opened) const noexcept { kelbus_view_close(opened); }
+    };
+    static const std::unique_ptr<kelbus_view, CloseView> opened{[] {
+        kelbus_view* fresh = nullptr;
+        kelbus_view_open(&fresh); // null without memory, and a view that is null has nothing
+        return fresh;
+    }()};
+    return opened.get();
+}
+
+void own(Values& values, kelbus_values* raw) {
+    values = Values{raw, kelbus_values_free};
+}
+
+// A listing out of the view.
+struct Listing : kelbus_values {
+    std::vector<std::pair<std::string, std::optional<std::string>>> texts;
+    std::vector<kelbus_parameter> parameters;
+};
+
+bool add(void* context, const char* name, const char* value, std::size_t length) {
+    auto& listing = *static_cast<Listing*>(context);
+    auto& text = listing.texts.emplace_back(name, std::nullopt).second;
+    if (value != nullptr) {
+        text.emplace(value, length); // else it is left to the bus
+    }
+    return true;
+}
+
+// False when values changed between the first and the last.
+bool readAtOnce(const std::string& prefix, Listing& listing) {
+    constexpr int kAttempts = 3;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        listing.texts.clear();
+        const std::uint64_t before = kelbus_view_changes(view());
+        if (before == 0 || kelbus_view_visit(view(), prefix.c_str(), add, &listing) != KELBUS_OK) {
+            return false;
+        }
+        if (kelbus_view_changes(view()) == before) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool readHidden(const Bus& bus, Listing& listing) {
+    std::vector<const char*> names;
+    for (const auto& [name, value] : listing.texts) {
+        if (!value) {
+            names.push_back(name.c_str());
+        }
+    }
+    kelbus_values* raw = nullptr;
+    if (names.empty()) {
+        return true;
+    }
+    const bool read =
+        kelbus_get_many(bus.client.get(), names.data(), names.size(), &raw, bus.limit) == KELBUS_OK;
+    Values values;
+    own(values, raw);
+    std::size_t at = 0;
+    for (auto& [name, value] : listing.texts) {
+        if (read && !value) {
+            value = values->items[at++].value;
+        }
+    }
+    return read;
+}
+
+// Null where the bus is to be asked for all.
+Values listingOfView(const Bus& bus, const std::string& prefix) {
+    auto listing = std::make_shared<Listing>();
+    if (!readAtOnce(prefix, *listing) || !readHidden(bus, *listing)) {
+        return {};
+    }
+    for (const auto& [name, value] : listing->texts) {
+        listing->parameters.push_back({name.c_str(), value->c_str()});
+    }
+    listing->count = listing->parameters.size();
+    listing->items = listing->parameters.data();
+    return listing;
+}
+
+} // namespace
+
 int fetchListing(const Bus& bus, std::string_view prefix, Values& values) {
+    const std::string group{prefix};
+    values = listingOfView(bus, group);
+    if (values) {
+        return kDone;
+    }
     kelbus_values* raw = nullptr;
     kelbus_error error = KELBUS_OK;
     if (prefix.size() < kGroupBytes) {
         error = kelbus_get_all(bus.client.get(), &raw, bus.limit);
     } else { // all that begin alike are of one group: a shorter answer
-        const std::string group{prefix};
         const char* name = group.c_str();
         error = kelbus_get_group(bus.client.get(), &name, 1, &raw, bus.limit);
     }
-    values.reset(raw);
+    own(values, raw);
     return error == KELBUS_OK ? kDone : saidFailure(bus, error);
 }
 
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values) {
     const std::vector<const char*> texts = cTexts(names);
     kelbus_values* raw = nullptr;
-    const kelbus_error error =
-        kelbus_get_many(bus.client.get(), texts.data(), texts.size(), &raw, bus.limit);
-    values.reset(raw);
+    kelbus_error error = kelbus_view_get_many(view(), texts.data(), texts.size(), &raw);
+    if (error != KELBUS_OK) {
+        kelbus_values_free(raw);
+        error = kelbus_get_many(bus.client.get(), texts.data(), texts.size(), &raw, bus.limit);
+    }
+    own(values, raw);
     const bool answered = error == KELBUS_OK || (error == KELBUS_UNKNOWN_NAME && raw != nullptr);
     return answered ? kDone : saidFailure(bus, error);
 }

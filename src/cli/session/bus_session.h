@@ -14,10 +14,7 @@ namespace kelconf::cli {
 struct CloseClient {
     void operator()(kelbus* client) const noexcept;
 };
-struct FreeValues {
-    void operator()(kelbus_values* values) const noexcept { kelbus_values_free(values); }
-};
-using Values = std::unique_ptr<kelbus_values, FreeValues>;
+using Values = std::shared_ptr<const kelbus_values>; // of the bus or out of the view
 
 struct Bus {
     std::unique_ptr<kelbus, CloseClient> client;
@@ -40,6 +37,9 @@ std::string failureText(const Bus& bus, kelbus_error error);
 
 std::vector<const char*> cTexts(const std::vector<std::string>& texts);
 
+// Both read the view where it has what is asked, and the bus otherwise: for secrets, for what is to
+// be said of an unknown name, and when nobody publishes a view.
+//
 // The live parameters whose names begin with `prefix` come out of a listing that may hold others
 // (filter with startsWith). kDone, or the failure, said.
 int fetchListing(const Bus& bus, std::string_view prefix, Values& values);
