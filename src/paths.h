@@ -48,6 +48,9 @@ inline constexpr const char* kBackupDirectory = "/mnt/backup/conf";
 // A value that contains this text names a file in that directory.
 inline constexpr const char* kFileStorage = "/mnt/nand/conf/fileStorage/";
 
+// Who may use the web.
+inline constexpr const char* kWebAccounts = "/mnt/nand/web/accounts";
+
 // What the kernel gives.
 inline constexpr const char* kConsole = "/dev/console";
 inline constexpr const char* kNull = "/dev/null";

@@ -148,6 +148,28 @@ std::string brokenRule(const ValueRule& rule, std::string_view value) {
     return numbers ? brokenNumber(rule, range, step, value) : "";
 }
 
+RuleInWords inWords(const ValueRule& rule) {
+    const auto range = isText(rule.type) ? std::nullopt : rangeOf(rule.range);
+    const auto step = isText(rule.type) ? std::nullopt : stepOf(rule.step);
+    const auto text = [](const std::optional<Decimal>& number) {
+        return number ? textOf(*number) : std::string{};
+    };
+    RuleInWords shown{range ? text(range->low) : "", range ? text(range->high) : "", text(step),
+                      optionWords(rule.options), ""};
+    if (shown.options.size() < 2) {
+        shown.options.clear();
+    } else {
+        shown.words = "one of " + inWords(shown.options);
+    }
+    if (range && !hasNumber(shown.options)) {
+        shown.words.append(shown.words.empty() ? "" : ", or ").append(inWords(*range));
+    }
+    if (step && shown.step != "1") {
+        shown.words.append(shown.words.empty() ? "" : ", ").append("in steps of " + shown.step);
+    }
+    return shown;
+}
+
 std::string unknownForm(const ValueRule& rule) {
     const auto unknown = [](const char* attribute, std::string_view text) {
         return std::string{attribute} + " \"" + std::string{text} + "\"";

@@ -30,6 +30,16 @@ inline ValueRule ruleOf(const Parameter& parameter) {
 // the parameter's name: "must be 0 to 100".
 std::string brokenRule(const ValueRule& rule, std::string_view value);
 
+// The parts of a rule that are enforced, for those who offer a choice.
+struct RuleInWords {
+    std::string min; // this and the next two: numbers without needless zeros, or empty
+    std::string max;
+    std::string step;
+    std::vector<std::string_view> options; // of the rule's text; empty where the list is none
+    std::string words;                     // "1 to 65535, in steps of 2"; empty: everything goes
+};
+RuleInWords inWords(const ValueRule& rule);
+
 // What of the rule is in no known form and therefore not enforced, in words; empty when nothing.
 std::string unknownForm(const ValueRule& rule);
 
