@@ -136,7 +136,7 @@ const char* wordsOf(AccountChange change) {
         "no such account",
         "there is an account of this name",
         "the last administrator has to stay one",
-        "a name is 1 to 32 letters, digits, \".\", \"_\" or \"-\"",
+        R"(a name is 1 to 32 letters, digits, ".", "_" or "-")",
         "a password is 8 to 256 bytes without control characters",
         "a role is viewer, operator or administrator",
         "there is an administrator already",

@@ -91,6 +91,8 @@ class EventStream final : public Stream {
     }
     EventStream(const EventStream&) = delete;
     EventStream& operator=(const EventStream&) = delete;
+    EventStream(EventStream&&) = delete;
+    EventStream& operator=(EventStream&&) = delete;
     ~EventStream() override { site_.hub.remove(subscriber_); }
 
     [[nodiscard]] bool added() const { return added_; }

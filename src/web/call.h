@@ -70,6 +70,8 @@ class Stream {
     Stream() = default;
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
+    Stream(Stream&&) = delete;
+    Stream& operator=(Stream&&) = delete;
     virtual ~Stream() = default;
     // Puts up to `size` bytes; 0 only after sleep().
     virtual std::ptrdiff_t read(char* to, std::size_t size) = 0;

@@ -27,6 +27,8 @@ class Exchange {
     ~Exchange();
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
+    Exchange(Exchange&&) = delete;
+    Exchange& operator=(Exchange&&) = delete;
 
     // The head is there, or a part of the body (size > 0), or all of it. libmicrohttpd's thread.
     MHD_Result go(const char* part, std::size_t* size);

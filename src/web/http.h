@@ -25,6 +25,8 @@ class Http {
     ~Http();
     Http(const Http&) = delete;
     Http& operator=(const Http&) = delete;
+    Http(Http&&) = delete;
+    Http& operator=(Http&&) = delete;
 
     // False when it could not be started.
     explicit operator bool() const;

@@ -16,6 +16,8 @@ class Workers {
     ~Workers() { finish(); }
     Workers(const Workers&) = delete;
     Workers& operator=(const Workers&) = delete;
+    Workers(Workers&&) = delete;
+    Workers& operator=(Workers&&) = delete;
 
     // Does what is queued, then takes nothing more.
     void finish();
