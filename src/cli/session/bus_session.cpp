@@ -3,7 +3,6 @@
 #include "cli/output/output.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -117,17 +116,21 @@ void own(Values& values, kelbus_values* raw) {
     values = Values{raw, kelbus_values_free};
 }
 
-// A listing out of the view.
+// A listing out of the view: its texts one behind the other, each ended by a zero byte.
 struct Listing : kelbus_values {
-    std::vector<std::pair<std::string, std::optional<std::string>>> texts;
+    std::string texts;
+    std::vector<std::pair<std::size_t, std::size_t>> places; // of a name and its value
     std::vector<kelbus_parameter> parameters;
 };
+constexpr std::size_t kLeftToBus = std::string::npos;
 
 bool add(void* context, const char* name, const char* value, std::size_t length) {
     auto& listing = *static_cast<Listing*>(context);
-    auto& text = listing.texts.emplace_back(name, std::nullopt).second;
+    const std::size_t name_at = listing.texts.size();
+    listing.texts.append(name).push_back('\0');
+    listing.places.emplace_back(name_at, value == nullptr ? kLeftToBus : listing.texts.size());
     if (value != nullptr) {
-        text.emplace(value, length); // else it is left to the bus
+        listing.texts.append(value, length + 1);
     }
     return true;
 }
@@ -137,6 +140,7 @@ bool readAtOnce(const std::string& prefix, Listing& listing) {
     constexpr int kAttempts = 3;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         listing.texts.clear();
+        listing.places.clear();
         const std::uint64_t before = kelbus_view_changes(view());
         if (before == 0 || kelbus_view_visit(view(), prefix.c_str(), add, &listing) != KELBUS_OK) {
             return false;
@@ -149,24 +153,26 @@ bool readAtOnce(const std::string& prefix, Listing& listing) {
 }
 
 bool readHidden(const Bus& bus, Listing& listing) {
-    std::vector<const char*> names;
-    for (const auto& [name, value] : listing.texts) {
-        if (!value) {
-            names.push_back(name.c_str());
+    std::vector<std::string> names;
+    for (const auto& [name, value] : listing.places) {
+        if (value == kLeftToBus) {
+            names.emplace_back(listing.texts.c_str() + name);
         }
     }
-    kelbus_values* raw = nullptr;
     if (names.empty()) {
         return true;
     }
+    const std::vector<const char*> texts = cTexts(names);
+    kelbus_values* raw = nullptr;
     const bool read =
-        kelbus_get_many(bus.client.get(), names.data(), names.size(), &raw, bus.limit) == KELBUS_OK;
+        kelbus_get_many(bus.client.get(), texts.data(), texts.size(), &raw, bus.limit) == KELBUS_OK;
     Values values;
     own(values, raw);
     std::size_t at = 0;
-    for (auto& [name, value] : listing.texts) {
-        if (read && !value) {
-            value = values->items[at++].value;
+    for (auto& [name, value] : listing.places) {
+        if (read && value == kLeftToBus) {
+            value = listing.texts.size();
+            listing.texts.append(values->items[at++].value).push_back('\0');
         }
     }
     return read;
@@ -178,8 +184,10 @@ Values listingOfView(const Bus& bus, const std::string& prefix) {
     if (!readAtOnce(prefix, *listing) || !readHidden(bus, *listing)) {
         return {};
     }
-    for (const auto& [name, value] : listing->texts) {
-        listing->parameters.push_back({name.c_str(), value->c_str()});
+    const char* texts = listing->texts.data();
+    listing->parameters.reserve(listing->places.size());
+    for (const auto& [name, value] : listing->places) {
+        listing->parameters.push_back({texts + name, texts + value});
     }
     listing->count = listing->parameters.size();
     listing->items = listing->parameters.data();
