@@ -184,7 +184,7 @@ TEST(KelctlTransfer, CtrlCEndsAnImportWithAnExactReport) {
 }
 
 TEST(KelctlTransfer, AReaderThatGoesAwayEndsTheProgram) {
-    const Device device{largeTree(kMany)};
+    const Device device{largeTree(10 * kMany)}; // several times what a pipe holds
     EXPECT_EQ(shell("{ kelctl list; echo $? >&2; } | head -1").err, "141\n");
     EXPECT_EQ(shell("{ kelctl watch; echo $? >&2; } | true").err, "141\n");
     EXPECT_EQ(shell("{ trap '' PIPE; kelctl list; echo $? >&2; } | head -c 1 | wc -c").err,
