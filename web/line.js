@@ -11,9 +11,19 @@ const RELOAD = 2000; // ms, while the service is away
 
 let tell = () => {};
 
+// stream: null between its end and the next try.
+// away: the server has said that the service is.
 // held: changes that wait for the list that is being read; null while none is.
 // again: is it to be read again after that, and then in any case; null when it is not.
-const line = {stream: null, waiting: 0, retry: RETRY, reload: 0, held: null, again: null};
+const line = {
+    stream: null,
+    waiting: 0,
+    retry: RETRY,
+    reload: 0,
+    held: null,
+    again: null,
+    away: false,
+};
 
 // Reads the list, also an unchanged one when `anew`. Changes that arrive meanwhile are told after it.
 async function load(anew = false) {
@@ -25,7 +35,10 @@ async function load(anew = false) {
     clearTimeout(line.reload);
     try {
         store.load(await api.parameters(anew));
-        tell("up");
+        if (line.stream && !line.away) {
+            // else a list that came in time says nothing of now
+            tell("up");
+        }
         line.held.forEach(store.changed);
     } catch (error) {
         cannotLoad(error);
@@ -61,12 +74,21 @@ function open() {
     line.stream = api.events({
         open() {
             line.retry = RETRY;
+            line.away = false;
             load();
         },
         change: (change) => (line.held ? line.held.push(change) : store.changed(change)),
         resync: () => load(true),
-        service: ({state}) => (state === "up" ? load(true) : tell("away")),
+        service({state}) {
+            line.away = state !== "up";
+            if (line.away) {
+                tell("away");
+            } else {
+                load(true);
+            }
+        },
         lost() {
+            line.stream = null;
             tell("lost");
             line.waiting = setTimeout(reconnect, line.retry);
             line.retry = Math.min(2 * line.retry, RETRY_MOST);
@@ -83,6 +105,7 @@ async function reconnect() {
         if (error.status === 503) {
             open();
         } else if (!api.isSignedOut(error)) {
+            tell("lost");
             line.waiting = setTimeout(reconnect, line.retry);
             line.retry = Math.min(2 * line.retry, RETRY_MOST);
         }
