@@ -127,6 +127,16 @@ void getManyByLibrary(const Client& client, int count) {
     }
 }
 
+// The path of a file with so many commands.
+std::string writeBatch(int count) {
+    const std::string path = "/tmp/batch";
+    std::ofstream file{path};
+    for (int i = 0; i < count; ++i) {
+        file << "get " << kName << "\n";
+    }
+    return path;
+}
+
 struct Contest {
     const char* title;
     std::vector<Rival> rivals; // what is measured, then its yardstick
@@ -151,6 +161,9 @@ void playAll(const std::string& programs, int rounds) {
     python.get(1); // it has started then
     const std::vector<std::string> kelctl{programs + "/kelctl", "get", kName};
     const std::vector<std::string> list{programs + "/kelctl", "list"};
+    const std::vector<std::string> matching{programs + "/kelctl", "list", "cam.*.s?"}; // all
+    const std::vector<std::string> batch{"/bin/sh", "-c",
+                                         programs + "/kelctl batch <" + writeBatch(kGets)};
     const std::vector<std::string> bare{programs + "/bare_request", kGet, request};
     std::vector<Contest> contests{
         {"libkelbus, GET of one name, over a bare request",
@@ -173,7 +186,15 @@ void playAll(const std::string& programs, int rounds) {
         {"kelctl list, over a bare request in a running process",
          {{nullptr, [&] { runToEnd(list); }}, {nullptr, [&] { all.ask(kGetAllRequest); }}},
          5,
-         "<= 3"}};
+         "<= 3"},
+        {"kelctl list with a pattern, over kelctl list",
+         {{nullptr, [&] { runToEnd(matching); }}, {nullptr, [&] { runToEnd(list); }}},
+         5,
+         "<= 1.1"},
+        {"kelctl batch of 1,000 gets, over as many C calls in one process",
+         {{nullptr, [&] { runToEnd(batch); }}, {nullptr, [&] { getManyByLibrary(client, kGets); }}},
+         1,
+         "<= 1.3"}};
     std::puts("| what | us | yardstick, us | ratio | goal |\n|---|---:|---:|---:|---|");
     for (Contest& contest : contests) {
         playTurns(contest.rivals, 4 * rounds, contest.repeats);

@@ -72,7 +72,7 @@ int runLine(const std::string& line, std::size_t number) {
         complain("line " + std::to_string(number) + ": a batch in a batch");
         return kUsage;
     }
-    return command.command->run(command.options);
+    return run(*command.command, command.options);
 }
 
 } // namespace

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
         }
         const Invocation line = readCommandLine(argc, argv);
         return finishOutput(line.command == nullptr ? line.status
-                                                    : line.command->run(line.options));
+                                                    : run(*line.command, line.options));
     } catch (const std::exception& failure) {
         complain(failure.what()); // only memory that cannot be had comes here
         return kBroken;

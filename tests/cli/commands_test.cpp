@@ -164,6 +164,10 @@ TEST(KelctlCommands, FindStepAndWait) {
     const Device device{smallTree()};
     play({
         {"kelctl list 'cam.[mn]*' cam.po", 0, "cam.mode=auto\ncam.name=camera\ncam.port=80\n"},
+        {"kelctl list -n 'cam.?ort' '*.m*o*e' 'ca*.po?t**' '*\\.nam[e]' '*e.x' | sort", 0,
+         "80\nauto\ncamera\n", "no name matches *e.x"},
+        {"kelctl list 'cam.?' 'am*' '*por' 'cam.port?' '?*.*.*'; kelctl list '*.*' | wc -l", 0,
+         "8\n", "no name matches ?*.*.*"},
         {"kelctl list cam.po 'x*' y", 1, "cam.port=80\n", "no name begins with y"},
         {"kelctl list cam.po 'x*' y", 1, "cam.port=80\n", "no name matches x*"},
         {"kelctl list -- --json", 1, "", "no name begins with --json"},
@@ -175,6 +179,8 @@ TEST(KelctlCommands, FindStepAndWait) {
         {"kelctl search MANUAL; kelctl search cam Era; kelctl search k-1 --long", 1,
          "cam.mode=auto\ncam.name=camera\n", "nothing found"}, // k-1 is a secret
         {"kelctl exists cam.port cam.mode", 0, ""},
+        {"kelctl exists cam.port --json", 0,
+         "{\"command\":\"exists\",\"status\":0,\"set\":[],\"messages\":[]}\n"},
         {"kelctl exists cam.port cam.no", 1, ""},
         {"kelctl get cam.prot", 1, "", "unknown name cam.prot; did you mean cam.port?"},
         {"kelctl get --default 7 cam.no cam.port", 0, "cam.no=7\ncam.port=80\n"},
@@ -184,6 +190,18 @@ TEST(KelctlCommands, FindStepAndWait) {
         {"kelctl add cam.port 5; kelctl add --direct cam.port -7.50; kelctl get cam.port", 0,
          "cam.port=85\n", "must be a whole number"},
         {"kelctl add cam.port -85", 2, "", "must be 1 to 65535"},
+        {"kelctl add -q --json cam.port 99999 | tr -d '\\n' | grep -c "
+         "'^{\"command\":\"add\",\"status\":2,\"set\":\\[\\],\"messages\":\\[\".*65535.*nothing "
+         "was set\"\\]}$'",
+         0, "1\n"},
+        {"kelctl add --json cam.port 0; kelctl set --json cam.key=k-1 cam.port=85", 0,
+         "{\"command\":\"add\",\"status\":0,\"set\":[{\"name\":\"cam.port\",\"value\":\"85\"}],"
+         "\"messages\":[]}\n{\"command\":\"set\",\"status\":0,\"set\":[{\"name\":\"cam.key\","
+         "\"value\":"
+         "\"********\"},{\"name\":\"cam.port\",\"value\":\"85\"}],\"messages\":[]}\n"},
+        {"kelctl reset --yes --json cam.port; kelctl set cam.port=85", 0,
+         "{\"command\":\"reset\",\"status\":0,\"set\":[{\"name\":\"cam.port\",\"value\":\"80\"}],"
+         "\"messages\":[]}\n"},
         {"kelctl add cam.name 1", 2, "", "is no number"},
         {"kelctl add --force cam.port -85.25; kelctl get -n cam.port", 0, "-0.25\n"},
         {"(sleep 0.2; kelctl set cam.name=x cam.text=y) & kelctl wait cam.text=y cam.name=x", 0,

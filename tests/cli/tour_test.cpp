@@ -3,6 +3,8 @@
 #include "cli/cli_device.h"
 #include "support/terminal.h"
 
+#include <sstream>
+
 namespace kelconf::test {
 namespace {
 
@@ -32,6 +34,34 @@ TEST(Tour, ShowsAChangeAnnouncedAndKept) {
     }
     EXPECT_EQ(shell(std::string{"env -u KELCONF_DEVICE "} + kTour).status, 1)
         << "a host's own /tmp and /mnt are not touched";
+}
+
+// As printed, in their order, but for what cannot be in a test: an answer to a question, an end by
+// Ctrl-C, and files of the reader's own.
+TEST(Documents, PrintCommandsThatWork) {
+    installExamples();
+    const Daemon daemon; // on the trees that are there
+    ASSERT_TRUE(daemon.awaitReady());
+    ASSERT_EQ(shell("cp /etc/neutral_tree.xml /tmp/my_tree.xml; echo hello >/tmp/location.txt").status,
+              0);
+    const std::string printed =
+        shell("cd " KELCONF_EXAMPLES "/..; for f in README.md docs/*.md man/*.scd; do"
+              " sed -n '/^ *```/,/^ *```/p' $f; done | sed -nE 's/^ *([$] |device# )?(kelctl .*)/"
+              "\\2/p' | sed -E 's/ {2,}#.*//'")
+            .out;
+    std::istringstream lines{printed};
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        const bool endless = line.starts_with("kelctl watch");
+        line += line.starts_with("kelctl reset") ? " --yes" : endless ? " --timeout 0.2" : "";
+        const ProgramResult result = shell("cd /tmp; " + line);
+        EXPECT_TRUE(result.status == 0 || (result.status == 1 && line.starts_with("kelctl diff")) ||
+                    (result.status == 3 && endless))
+            << line << ": " << result.status << "\n"
+            << result.err;
+        EXPECT_EQ(result.err, "") << line;
+    }
+    EXPECT_GE(count, 12) << printed;
 }
 
 TEST(Tour, EndsInAShellWithTheServiceAndCompletion) {

@@ -1,5 +1,7 @@
 #include "cli/commands/commands.h"
 
+#include "cli/output/result.h"
+
 #include <array>
 
 namespace kelconf::cli {
@@ -13,16 +15,17 @@ constexpr std::array kCommands = {
         "Prints the names that are known, in the order asked for, also when others are unknown.",
         runGet},
     Command{"set", "NAME=VALUE", "what to set; NAME=- reads the value from standard input", 1,
-            kAnyNumber, kDirect | kNoDb | kForce, "set parameters, all in one request",
+            kAnyNumber, kDirect | kNoDb | kForce | kTellsResult,
+            "set parameters, all in one request",
             "All names and values are checked first: when one is refused, none is set.", runSet},
-    Command{"toggle", "NAME", "a parameter with two values", 1, 1, kDirect | kNoDb,
+    Command{"toggle", "NAME", "a parameter with two values", 1, 1, kDirect | kNoDb | kTellsResult,
             "set a parameter to its other value",
             "Of 0 and 1, true and false, yes and no, on and off, or of the two words among its\n"
             "options. Somebody who sets it at the same moment is overwritten.",
             runToggle},
     Command{
-        "add", "NAME N", "a parameter, and the number to add to it", 2, 2, kDirect | kNoDb | kForce,
-        "add a number to the value of a parameter",
+        "add", "NAME N", "a parameter, and the number to add to it", 2, 2,
+        kDirect | kNoDb | kForce | kTellsResult, "add a number to the value of a parameter",
         "N may be negative. The sum is checked against range and step as set does. Somebody who\n"
         "sets it at the same moment is overwritten.",
         runAdd},
@@ -38,7 +41,7 @@ constexpr std::array kCommands = {
         "Letter case does not count. Of several words each must be found. The values of secrets\n"
         "are not searched. The exit status is 1 when nothing is found.",
         runSearch},
-    Command{"exists", "NAME", "names of parameters", 1, kAnyNumber, 0,
+    Command{"exists", "NAME", "names of parameters", 1, kAnyNumber, kTellsResult,
             "tell by the exit status whether all names are known",
             "Prints nothing: 0 when the service knows them all, else 1.", runExists},
     Command{"group", "NAME", "names of groups", 1, kAnyNumber, kValuesOnly,
@@ -57,7 +60,7 @@ constexpr std::array kCommands = {
         "value, KELCTL_PREV_VALUE. One that fails is reported, one that hangs holds the others up.",
         runWatch},
     Command{
-        "wait", "NAME=VALUE", "the values to wait for", 1, kAnyNumber, kTimeout,
+        "wait", "NAME=VALUE", "the values to wait for", 1, kAnyNumber, kTimeout | kTellsResult,
         "wait until parameters have the given values",
         "Ends when all of them hold, also when they do already. Waits for the service, too. The\n"
         "exit status is 3 when --timeout ends it before.",
@@ -72,7 +75,7 @@ constexpr std::array kCommands = {
         runDiff},
     Command{
         "reset", "NAME", "names of parameters", 0, kAnyNumber,
-        kPrefix | kAll | kYes | kDryRun | kDirect | kNoDb,
+        kPrefix | kAll | kYes | kDryRun | kDirect | kNoDb | kTellsResult,
         "set parameters back to their factory defaults",
         "Asks first; without a terminal --yes is needed. Realtime states are left out. When the\n"
         "answer is no, nothing is done and the exit status is 1.",
@@ -86,14 +89,15 @@ constexpr std::array kCommands = {
         runExport},
     Command{
         "edit", "PREFIX", "beginnings of the names, or patterns; without it all", 0, kAnyNumber,
-        kChanged | kForce | kYes | kDirect | kNoDb, "change parameters in an editor",
+        kChanged | kForce | kYes | kDirect | kNoDb | kTellsResult, "change parameters in an editor",
         "What export prints comes into $VISUAL, $EDITOR or vi; what was changed there is shown "
         "and,\n"
         "after a yes, set. A line that is taken out changes nothing. When something is refused or\n"
         "the answer is no, what was edited is kept, and it is said where.",
         runEdit},
     Command{"import", "FILE", "what export has printed; - is standard input", 1, kAnyNumber,
-            kDryRun | kForce | kDirect | kNoDb, "set the values of an export that differ",
+            kDryRun | kForce | kDirect | kNoDb | kTellsResult,
+            "set the values of an export that differ",
             "All names and values are checked first: when one is refused, none is set. Values go\n"
             "out in requests of 200; a failure or Ctrl-C in between says how far it came. Of a "
             "name that\n"
@@ -127,6 +131,15 @@ constexpr std::array kCommands = {
 
 std::span<const Command> commands() {
     return kCommands;
+}
+
+int run(const Command& command, const Options& options) {
+    beginResult();
+    const int status = command.run(options);
+    if (options.json && !options.dry_run && (command.options & kTellsResult) != 0) {
+        printResult(options, command.name, status);
+    }
+    return status;
 }
 
 } // namespace kelconf::cli

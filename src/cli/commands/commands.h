@@ -25,7 +25,8 @@ enum OptionBit : std::uint32_t {
     kInitial = 1U << 12U,
     kExec = 1U << 13U,
     kWait = 1U << 14U,
-    kChanged = 1U << 15U
+    kChanged = 1U << 15U,
+    kTellsResult = 1U << 16U // with --json (cli/output/result.h); no option
 };
 
 inline constexpr int kAnyNumber = -1;
@@ -43,6 +44,8 @@ struct Command {
 };
 
 std::span<const Command> commands();
+// Runs it to its ExitStatus.
+int run(const Command& command, const Options& options);
 
 // The commands. Each returns an ExitStatus and has said on standard error what went wrong.
 int runGet(const Options& options);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace kelconf::cli {
 
@@ -22,6 +23,7 @@ struct Standard {
     std::string gathered; // not written yet
     int failure = 0;      // errno of the first write that failed
     bool quiet = false;
+    std::vector<std::string> said;
 };
 
 Standard& standard() {
@@ -93,7 +95,16 @@ void beQuiet(bool quiet) {
     standard().quiet = quiet;
 }
 
+const std::vector<std::string>& said() {
+    return standard().said;
+}
+
+void forgetSaid() {
+    standard().said.clear();
+}
+
 void complain(std::string_view text) {
+    standard().said.emplace_back(text);
     if (standard().quiet) {
         return;
     }

@@ -7,7 +7,9 @@
 
 #include "cli/options.h"
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace kelconf::cli {
 
@@ -25,6 +27,9 @@ int finishOutput(int status);
 void complain(std::string_view text);
 // From here on complain says nothing, or again.
 void beQuiet(bool quiet);
+// What complain was told since forgetSaid, quiet or not.
+const std::vector<std::string>& said();
+void forgetSaid();
 
 void toStandardError(std::string_view bytes); // as it is
 

@@ -3,6 +3,7 @@
 #include "catalog/secrets.h"
 #include "catalog/value_rules.h"
 #include "cli/output/output.h"
+#include "cli/output/result.h"
 #include "cli/output/shown_text.h"
 
 #include <unistd.h>
@@ -204,7 +205,14 @@ kelbus_error sendChanges(const Bus& bus, std::span<const Change> changes, kelbus
     for (const Change& change : changes) {
         parameters.push_back({change.name.c_str(), change.value.c_str()});
     }
-    return kelbus_set_many(bus.client.get(), parameters.data(), parameters.size(), kind, bus.limit);
+    const kelbus_error error =
+        kelbus_set_many(bus.client.get(), parameters.data(), parameters.size(), kind, bus.limit);
+    for (const Change& change : changes) {
+        if (error == KELBUS_OK) {
+            noteSet(change.name, change.value);
+        }
+    }
+    return error;
 }
 
 int applyChanges(const Bus& bus, const std::vector<Change>& changes, kelbus_kind kind,

@@ -25,6 +25,7 @@ class Patterns {
     struct Word {
         std::string text;
         bool pattern;
+        bool simple; // no "[" and no backslash
         bool matched = false;
     };
     std::vector<Word> words_;
