@@ -42,8 +42,9 @@ TEST(Documents, PrintCommandsThatWork) {
     installExamples();
     const Daemon daemon; // on the trees that are there
     ASSERT_TRUE(daemon.awaitReady());
-    ASSERT_EQ(shell("cp /etc/neutral_tree.xml /tmp/my_tree.xml; echo hello >/tmp/location.txt").status,
-              0);
+    ASSERT_EQ(
+        shell("cp /etc/neutral_tree.xml /tmp/my_tree.xml; echo hello >/tmp/location.txt").status,
+        0);
     const std::string printed =
         shell("cd " KELCONF_EXAMPLES "/..; for f in README.md docs/*.md man/*.scd; do"
               " sed -n '/^ *```/,/^ *```/p' $f; done | sed -nE 's/^ *([$] |device# )?(kelctl .*)/"
