@@ -15,3 +15,11 @@ else()
   set(KELCONF_SYSTEM_QLIBC OFF)
 endif()
 message(STATUS "qLibc: ${KELCONF_SYSTEM_QLIBC} (ON: the installed library, OFF: src/qlibc)")
+
+# Of kelconf-web, which is left out where one is missing.
+if(KELCONF_WEB)
+  pkg_check_modules(MICROHTTPD IMPORTED_TARGET libmicrohttpd)
+  pkg_check_modules(GNUTLS IMPORTED_TARGET gnutls)
+  pkg_check_modules(CRYPT IMPORTED_TARGET libcrypt)
+  find_path(NLOHMANN_JSON_INCLUDE_DIR nlohmann/json.hpp)
+endif()

@@ -78,6 +78,37 @@ class ListStream final : public Stream {
     bool broken_ = false;
 };
 
+// The whole list in one text; null when too many are kept already.
+std::shared_ptr<const std::string> wholeList(Site& site, const Content& content) {
+    constexpr int kMostKept = 4;
+    ListCopies& lists = site.lists;
+    auto list = lists.changes == content.changes ? lists.last.lock() : nullptr;
+    if (list || *lists.kept >= kMostKept) {
+        return list;
+    }
+    auto made = std::make_unique<std::string>(R"({"changes":)" + std::to_string(content.changes) +
+                                              R"(,"parameters":[)");
+    made->reserve(lists.size);
+    bool any = false;
+    for (std::size_t place = 0; place < content.values.size(); ++place) {
+        if (content.values[place]) {
+            *made += any ? "," : "";
+            any = true;
+            appendJson(*made, (*content.definitions)[place], *content.values[place]);
+        }
+    }
+    *made += "]}";
+    lists.size = made->size() + made->size() / 16;
+    ++*lists.kept;
+    list = {made.release(), [kept = lists.kept](const std::string* text) {
+                delete text;
+                --*kept;
+            }};
+    lists.last = list;
+    lists.changes = content.changes;
+    return list;
+}
+
 class EventStream final : public Stream {
   public:
     EventStream(Site& site, const Call& call) : site_(site) {
@@ -125,8 +156,12 @@ Answer getParameters(Site& site, const Call& call) {
         answer.headers.emplace_back("ETag", tag);
         if (call.if_none_match == tag) {
             answer.status = 304;
-        } else {
-            answer.stream = std::make_unique<ListStream>(site, content, call.queried("prefix"));
+            return answer;
+        }
+        const auto prefixes = call.queried("prefix");
+        answer.shared = prefixes.empty() ? wholeList(site, content) : nullptr;
+        if (!answer.shared) {
+            answer.stream = std::make_unique<ListStream>(site, content, prefixes);
         }
         return answer;
     });

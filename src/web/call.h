@@ -7,7 +7,9 @@
 #include "web/sessions.h"
 #include "web/throttle.h"
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -17,6 +19,15 @@
 #include <vector>
 
 namespace kelconf::web {
+
+// The whole list as it was sent last, for as long as somebody is being sent one. Few are kept at a
+// time, whatever clients do not read. Any thread; the mirror's lock is held.
+struct ListCopies {
+    std::weak_ptr<const std::string> last;
+    std::uint64_t changes = 0; // which that is
+    std::size_t size = 0;      // of the next, about
+    std::shared_ptr<std::atomic<int>> kept = std::make_shared<std::atomic<int>>(0);
+};
 
 // What the server has in its hands, shared by all calls.
 struct Site {
@@ -30,6 +41,7 @@ struct Site {
     std::string set_up_code; // for who does not come from the loopback address
     std::string run;         // of this process: part of every ETag
     bool tls = false;
+    ListCopies lists;
 };
 
 struct Caller {
@@ -85,7 +97,8 @@ struct Answer {
     std::string body;
     std::string type = "application/json";
     std::vector<std::pair<std::string, std::string>> headers;
-    std::unique_ptr<Stream> stream; // instead of the body
+    std::unique_ptr<Stream> stream;            // instead of the body
+    std::shared_ptr<const std::string> shared; // the same, one for many answers
 };
 
 // One value that was refused.

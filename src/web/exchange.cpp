@@ -83,7 +83,26 @@ void freeStream(void* stream) {
     delete static_cast<Stream*>(stream);
 }
 
+using SharedText = std::shared_ptr<const std::string>;
+
+void freeShared(void* text) {
+    delete static_cast<SharedText*>(text);
+}
+
+MHD_Response* sharedResponse(const SharedText& text) {
+    auto kept = std::make_unique<SharedText>(text);
+    MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+        text->size(), const_cast<char*>(text->data()), freeShared, kept.get());
+    if (response != nullptr) {
+        (void)kept.release(); // freeShared owns it
+    }
+    return response;
+}
+
 MHD_Response* responseOf(MHD_Connection* connection, Answer& answer) {
+    if (answer.shared) {
+        return sharedResponse(answer.shared);
+    }
     if (!answer.stream) {
         return MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
                                                MHD_RESPMEM_MUST_COPY);

@@ -20,7 +20,7 @@ std::string cryptOf(const std::string& password, const char* setting) {
     void* work = nullptr; // crypt_ra's own buffer
     int size = 0;
     const char* hash = crypt_ra(password.c_str(), setting, &work, &size);
-    const std::string result = hash == nullptr ? "" : hash;
+    std::string result = hash == nullptr ? "" : hash;
     const Owned<void> freed{work};
     return result;
 }

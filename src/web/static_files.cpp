@@ -98,7 +98,8 @@ StaticFiles::StaticFiles(const std::string& directory) {
     }
     digest_ = digestOf(all);
     if (const auto index = files_.find(kIndex); index != files_.end()) {
-        index->second.plain = withDirectory(index->second.plain, "/" + digest_ + "/");
+        index->second.plain =
+            withDirectory(index->second.plain, std::string{"/"}.append(digest_) += '/');
         index->second.compressed.clear(); // was of the file as it lies there
         index->second.tag = '"' + digest_ + '"';
     }

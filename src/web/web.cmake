@@ -2,10 +2,6 @@
 if (NOT KELCONF_WEB)
   return()
 endif()
-pkg_check_modules(MICROHTTPD IMPORTED_TARGET libmicrohttpd)
-pkg_check_modules(GNUTLS IMPORTED_TARGET gnutls)
-pkg_check_modules(CRYPT IMPORTED_TARGET libcrypt)
-find_path(NLOHMANN_JSON_INCLUDE_DIR nlohmann/json.hpp)
 if(NOT MICROHTTPD_FOUND OR NOT GNUTLS_FOUND OR NOT CRYPT_FOUND OR NOT NLOHMANN_JSON_INCLUDE_DIR)
   message(WARNING "kelconf-web is not built: a library is missing (Debian: apt-get install "
                   "libmicrohttpd-dev libgnutls28-dev libcrypt-dev nlohmann-json3-dev)")

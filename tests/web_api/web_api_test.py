@@ -115,7 +115,8 @@ class Events:
         self.next_line(":")  # the greeting
 
     def next_line(self, begin: str) -> str:
-        while line := self.response.readline().decode():
+        end = time.monotonic() + LIMIT
+        while (line := self.response.readline().decode()) and time.monotonic() < end:
             if line.startswith(begin):
                 return line
         raise EOFError
@@ -498,6 +499,13 @@ class Hostile(OnDevice):
         self.assertLess(self.memory() - before, 16384)
         for hostile in sockets:
             hostile.close()
+
+    def test_a_body_has_its_limit_told_or_not(self) -> None:
+        body = json.dumps({"values": {"net.name": "v" * 1_500_000}}).encode()
+        self.assertEqual(call("PATCH", "parameters", role="operator", Content_Length="1500000").status, 413)
+        with self.assertRaises((OSError, http.client.HTTPException)):  # the connection ends
+            call("PATCH", "parameters", iter([body[:700000], body[700000:]]), "operator")
+        self.assertEqual(self.parameter("net.name")["value"], "n")
 
     def test_who_does_not_read_costs_a_connection(self) -> None:
         before = self.memory()
