@@ -91,7 +91,10 @@ Line readLine(std::span<const char* const> words) {
 
 // In ascending order: the live names, or those of default.db.
 std::vector<std::string> knownNames() {
-    std::vector<std::string> names;
+    std::vector<std::string> names = namesInView();
+    if (!names.empty()) {
+        return names;
+    }
     Bus bus;
     kelbus* client = nullptr;
     kelbus_values* listing = nullptr;
@@ -99,7 +102,7 @@ std::vector<std::string> knownNames() {
         bus.client.reset(client);
         static_cast<void>(kelbus_get_all(client, &listing, kServicePatience));
     }
-    if (const Values live{listing}) {
+    if (const Values live = ownedValues(listing)) {
         for (std::size_t i = 0; i < live->count; ++i) {
             names.emplace_back(live->items[i].name);
         }

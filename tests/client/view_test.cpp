@@ -154,6 +154,25 @@ TEST(View, APublisherThatIsGoneOrStandsStillIsTold) {
     EXPECT_FALSE(std::filesystem::exists(kFile));
 }
 
+TEST(View, IsOnlyForThoseItIsOpenTo) {
+    const view::Publisher publisher = published();
+    std::filesystem::permissions(kFile, std::filesystem::perms::none);
+    view::Reader reader{kFile};
+    EXPECT_EQ(valueOf(reader, "a"), "-refused");
+}
+
+// All room is taken when the file is made, so that no reader or writer is ended by a signal later.
+TEST(View, IsNotMadeWhereThereIsNoRoom) {
+    const std::string place = "/mnt/nand/view"; // of the root's small flash
+    const auto room = std::filesystem::space("/mnt/nand").available;
+    const Fd ballast{open("/mnt/nand/ballast", O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
+    ASSERT_EQ(posix_fallocate(ballast.get(), 0, static_cast<off_t>(room - 32'768)), 0);
+    EXPECT_FALSE(view::Publisher::publish(place.c_str(), kItems));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(exists(place) || exists(place + ".new"));
+    std::filesystem::remove("/mnt/nand/ballast");
+}
+
 // Reads everything of a file, in a process that has it open as the publisher would.
 void readAll(const std::string& content) {
     writeFile(kFile, content);

@@ -243,13 +243,9 @@ int runGroup(const Options& options) {
     if (int status = openBus(options, bus); status != kDone) {
         return status;
     }
-    const std::vector<const char*> groups = cTexts(options.operands);
-    kelbus_values* raw = nullptr;
-    const kelbus_error error =
-        kelbus_get_group(bus.client.get(), groups.data(), groups.size(), &raw, bus.limit);
-    const Values values{raw};
-    if (error != KELBUS_OK) {
-        return saidFailure(bus, error);
+    Values values;
+    if (int status = fetchGroups(bus, options.operands, values); status != kDone) {
+        return status;
     }
     Patterns all{{}};
     const Secrets secrets{options.show_secrets};

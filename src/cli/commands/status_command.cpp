@@ -38,7 +38,7 @@ Service askService(const Options& options) {
     }
     kelbus_values* raw = nullptr;
     const kelbus_error error = kelbus_get_all(bus.client.get(), &raw, bus.limit);
-    const Values values{raw};
+    const Values values = ownedValues(raw);
     service.status = exitStatus(error);
     if (error == KELBUS_OK) {
         service.words = service.word = "up";

@@ -2,7 +2,10 @@
 
 #include "cli/output/output.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -98,6 +101,10 @@ std::vector<const char*> cTexts(const std::vector<std::string>& texts) {
     return result;
 }
 
+Values ownedValues(kelbus_values* raw) {
+    return Values{raw, kelbus_values_free};
+}
+
 namespace {
 
 kelbus_view* view() {
@@ -112,12 +119,9 @@ kelbus_view* view() {
     return opened.get();
 }
 
-void own(Values& values, kelbus_values* raw) {
-    values = Values{raw, kelbus_values_free};
-}
-
 // A listing out of the view: its texts one behind the other, each ended by a zero byte.
 struct Listing : kelbus_values {
+    std::span<const std::string> groups; // whose members it has; of none: all
     std::string texts;
     std::vector<std::pair<std::size_t, std::size_t>> places; // of a name and its value
     std::vector<kelbus_parameter> parameters;
@@ -126,6 +130,12 @@ constexpr std::size_t kLeftToBus = std::string::npos;
 
 bool add(void* context, const char* name, const char* value, std::size_t length) {
     auto& listing = *static_cast<Listing*>(context);
+    const auto has = [&](const std::string& group) {
+        return std::strncmp(name, group.c_str(), kGroupBytes) == 0;
+    };
+    if (!listing.groups.empty() && std::ranges::none_of(listing.groups, has)) {
+        return true;
+    }
     const std::size_t name_at = listing.texts.size();
     listing.texts.append(name).push_back('\0');
     listing.places.emplace_back(name_at, value == nullptr ? kLeftToBus : listing.texts.size());
@@ -166,8 +176,7 @@ bool readHidden(const Bus& bus, Listing& listing) {
     kelbus_values* raw = nullptr;
     const bool read =
         kelbus_get_many(bus.client.get(), texts.data(), texts.size(), &raw, bus.limit) == KELBUS_OK;
-    Values values;
-    own(values, raw);
+    const Values values = ownedValues(raw);
     std::size_t at = 0;
     for (auto& [name, value] : listing.places) {
         if (read && value == kLeftToBus) {
@@ -179,8 +188,10 @@ bool readHidden(const Bus& bus, Listing& listing) {
 }
 
 // Null where the bus is to be asked for all.
-Values listingOfView(const Bus& bus, const std::string& prefix) {
+Values listingOfView(const Bus& bus, const std::string& prefix,
+                     std::span<const std::string> groups) {
     auto listing = std::make_shared<Listing>();
+    listing->groups = groups;
     if (!readAtOnce(prefix, *listing) || !readHidden(bus, *listing)) {
         return {};
     }
@@ -198,7 +209,7 @@ Values listingOfView(const Bus& bus, const std::string& prefix) {
 
 int fetchListing(const Bus& bus, std::string_view prefix, Values& values) {
     const std::string group{prefix};
-    values = listingOfView(bus, group);
+    values = listingOfView(bus, group, {});
     if (values) {
         return kDone;
     }
@@ -210,8 +221,34 @@ int fetchListing(const Bus& bus, std::string_view prefix, Values& values) {
         const char* name = group.c_str();
         error = kelbus_get_group(bus.client.get(), &name, 1, &raw, bus.limit);
     }
-    own(values, raw);
+    values = ownedValues(raw);
     return error == KELBUS_OK ? kDone : saidFailure(bus, error);
+}
+
+int fetchGroups(const Bus& bus, const std::vector<std::string>& groups, Values& values) {
+    const std::string prefix = groups.size() == 1 ? groups[0].substr(0, kGroupBytes) : "";
+    values = listingOfView(bus, prefix, groups);
+    if (values) {
+        return kDone;
+    }
+    const std::vector<const char*> names = cTexts(groups);
+    kelbus_values* raw = nullptr;
+    const kelbus_error error =
+        kelbus_get_group(bus.client.get(), names.data(), names.size(), &raw, bus.limit);
+    values = ownedValues(raw);
+    return error == KELBUS_OK ? kDone : saidFailure(bus, error);
+}
+
+std::vector<std::string> namesInView() {
+    std::vector<std::string> names;
+    const auto take = [](void* context, const char* name, const char*, std::size_t) {
+        static_cast<std::vector<std::string>*>(context)->emplace_back(name);
+        return true;
+    };
+    if (kelbus_view_visit(view(), "", take, &names) != KELBUS_OK) {
+        names.clear();
+    }
+    return names;
 }
 
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values) {
@@ -222,7 +259,7 @@ int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& va
         kelbus_values_free(raw);
         error = kelbus_get_many(bus.client.get(), texts.data(), texts.size(), &raw, bus.limit);
     }
-    own(values, raw);
+    values = ownedValues(raw);
     const bool answered = error == KELBUS_OK || (error == KELBUS_UNKNOWN_NAME && raw != nullptr);
     return answered ? kDone : saidFailure(bus, error);
 }

@@ -6,6 +6,7 @@
 #include <kelbus.h>
 
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -15,6 +16,7 @@ struct CloseClient {
     void operator()(kelbus* client) const noexcept;
 };
 using Values = std::shared_ptr<const kelbus_values>; // of the bus or out of the view
+Values ownedValues(kelbus_values* raw);              // takes what the client handed out, or null
 
 struct Bus {
     std::unique_ptr<kelbus, CloseClient> client;
@@ -37,12 +39,18 @@ std::string failureText(const Bus& bus, kelbus_error error);
 
 std::vector<const char*> cTexts(const std::vector<std::string>& texts);
 
-// Both read the view where it has what is asked, and the bus otherwise: for secrets, for what is to
-// be said of an unknown name, and when nobody publishes a view.
+// These read the view where it has what is asked, and the bus otherwise: for secrets, for what is
+// to be said of an unknown name, and when nobody publishes a view.
 //
 // The live parameters whose names begin with `prefix` come out of a listing that may hold others
 // (filter with startsWith). kDone, or the failure, said.
 int fetchListing(const Bus& bus, std::string_view prefix, Values& values);
+
+// The members of the groups, by the service's rule of eight bytes. kDone, or the failure, said.
+int fetchGroups(const Bus& bus, const std::vector<std::string>& groups, Values& values);
+
+// In ascending order; none where there is no view.
+std::vector<std::string> namesInView();
 
 // The values of these names, in their order; of an unknown one the value is null. kDone also then.
 int fetchNamed(const Bus& bus, const std::vector<std::string>& names, Values& values);
