@@ -1,4 +1,5 @@
 // The parsers of bus/bus_xml.h.
+#include "base/xml_text.h"
 #include "bus/bus_xml.h"
 #include "bus/xml_quiet.h"
 #include "log/keldebug.h"
@@ -20,10 +21,6 @@ struct FreeXml {
 };
 using Document = std::unique_ptr<xmlDoc, FreeXml>;
 using Parser = std::unique_ptr<xmlParserCtxt, FreeXml>;
-
-const xmlChar* asXml(const char* text) {
-    return reinterpret_cast<const xmlChar*>(text);
-}
 
 // Called where a document type declaration begins, before any entity is declared.
 void refuseDocumentType(void* context, const xmlChar* /*name*/, const xmlChar* /*external_id*/,

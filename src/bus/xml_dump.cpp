@@ -1,5 +1,6 @@
 #include "bus/xml_dump.h"
 
+#include "base/xml_text.h"
 #include "bus/xml_quiet.h"
 
 #include <libxml/tree.h>
@@ -13,10 +14,6 @@ namespace {
 struct FreeDocument {
     void operator()(xmlDoc* document) const noexcept { xmlFreeDoc(document); }
 };
-
-const xmlChar* asXml(const char* text) {
-    return reinterpret_cast<const xmlChar*>(text);
-}
 
 // For a value that is not UTF-8 xmlNewProp gives the document another encoding, and drops the
 // one that it had without releasing it.

@@ -27,7 +27,7 @@ bool descriptors(std::size_t count) {
     std::vector<Fd> taken;
     taken.reserve(count);
     while (taken.size() < count) {
-        taken.emplace_back(open("/", O_PATH | O_CLOEXEC));
+        taken.emplace_back(::open("/", O_PATH | O_CLOEXEC));
         if (!taken.back()) {
             return false;
         }

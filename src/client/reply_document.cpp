@@ -23,7 +23,7 @@ std::string_view asText(const xmlChar* begin, const xmlChar* end) {
 }
 
 template <typename Step>
-void guarded(Reading& reading, Step step) {
+void withinMemory(Reading& reading, Step step) {
     try {
         step();
     } catch (const std::bad_alloc&) {
@@ -54,7 +54,7 @@ void startElement(void* context, const xmlChar* name, const xmlChar* /*prefix*/,
                   int attribute_count, int /*defaulted*/, const xmlChar** attributes) {
     auto& reading = *static_cast<Reading*>(context);
     ++reading.depth;
-    guarded(reading, [&] {
+    withinMemory(reading, [&] {
         ReplyDocument& document = *reading.document;
         if (reading.depth == 1) {
             document.root = reinterpret_cast<const char*>(name);
@@ -74,14 +74,14 @@ void endElement(void* context, const xmlChar* /*name*/, const xmlChar* /*prefix*
                 const xmlChar* /*uri*/) {
     auto& reading = *static_cast<Reading*>(context);
     if (reading.depth-- == 2) {
-        guarded(reading, [&] { reading.document->texts.push_back('\0'); });
+        withinMemory(reading, [&] { reading.document->texts.push_back('\0'); });
     }
 }
 
 void characters(void* context, const xmlChar* text, int length) {
     auto& reading = *static_cast<Reading*>(context);
     if (reading.depth >= 2) {
-        guarded(reading, [&] {
+        withinMemory(reading, [&] {
             reading.document->texts.append(reinterpret_cast<const char*>(text),
                                            static_cast<std::size_t>(length));
         });

@@ -13,6 +13,7 @@ namespace kelconf {
 
 inline constexpr std::size_t kDumpHeaderBytes = 30;
 inline constexpr std::uint16_t kDumpVersion = 1;
+inline constexpr std::size_t kDumpBufferBytes = 16UL * 1024;
 
 using DumpHeader = std::array<std::uint8_t, kDumpHeaderBytes>;
 using DumpTrailer = std::array<std::uint8_t, sizeof(std::uint32_t)>;

@@ -19,14 +19,13 @@ namespace kelconf {
 
 namespace {
 
-constexpr std::size_t kBufferBytes = 16UL * 1024;
 constexpr mode_t kFileMode = 0644;
 
 // Collects small pieces into large writes. Both calls return false with errno set.
 struct Writer {
     int descriptor;
     std::size_t used = 0;
-    std::array<std::uint8_t, kBufferBytes> buffer;
+    std::array<std::uint8_t, kDumpBufferBytes> buffer;
 
     bool flush();
     bool put(const void* bytes, std::size_t length);

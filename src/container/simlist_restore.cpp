@@ -15,7 +15,6 @@ namespace kelconf {
 
 namespace {
 
-constexpr std::size_t kBufferBytes = 16UL * 1024;
 // An element's memory grows as its bytes arrive: a wrong length prefix costs no more than this.
 constexpr std::size_t kFirstRead = 64UL * 1024;
 // Zero bytes behind the raw bytes of an element, so that a meter that looks at a text, or at one
@@ -39,7 +38,7 @@ struct Reader {
     int descriptor;
     std::size_t at = 0;
     std::size_t filled = 0;
-    std::array<std::uint8_t, kBufferBytes> buffer;
+    std::array<std::uint8_t, kDumpBufferBytes> buffer;
 
     ssize_t fill(); // as readSome, when everything read before was handed out
     bool get(void* to, std::size_t size);

@@ -1,5 +1,7 @@
 #include "tree/element_text.h"
 
+#include "base/xml_text.h"
+
 #include <libxml/entities.h>
 
 #include <cstring>
@@ -8,10 +10,6 @@
 namespace kelconf {
 
 namespace {
-
-const xmlChar* asXml(const char* text) {
-    return reinterpret_cast<const xmlChar*>(text);
-}
 
 std::string_view viewOfXml(const xmlChar* text) {
     return text == nullptr ? std::string_view{}

@@ -23,16 +23,16 @@ constexpr std::chrono::seconds kWhole{45}; // for a request to come, and between
 constexpr std::size_t kHead = 16384;       // bytes, of a connection: its head and its answer's
 constexpr unsigned kWorkers = 2;
 
-// A connection that is open, and since when it has been receiving.
-struct Opened {
-    int fd = -1;
-    Clock::time_point since;
-    bool answering = false; // kSilent is its limit then
-};
-
 } // namespace
 
 struct Http::State {
+    // A connection, and since when it has been receiving.
+    struct Opened {
+        int fd = -1;
+        Clock::time_point since;
+        bool answering = false; // kSilent is its limit then
+    };
+
     State(Site& site, const StaticFiles& files) : workers(kWorkers), shared{site, files, workers} {}
 
     Workers workers;

@@ -20,7 +20,6 @@ namespace kelconf::web {
 namespace {
 
 constexpr int kFailed = 1;
-constexpr int kUsage = 2;
 constexpr std::size_t kCodeBytes = 6;
 
 bool readPem(const std::string& path, std::string& text) {

@@ -15,8 +15,6 @@ namespace kelconf::web {
 
 namespace {
 
-constexpr int kUsage = 2;
-
 constexpr std::array<option, 8> kOptions{{{"listen", required_argument, nullptr, 'l'},
                                           {"tls-cert", required_argument, nullptr, 'c'},
                                           {"tls-key", required_argument, nullptr, 'k'},

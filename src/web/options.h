@@ -7,6 +7,8 @@
 
 namespace kelconf::web {
 
+constexpr int kUsage = 2; // the exit status for a wrong command line
+
 struct WebOptions {
     std::string listen = "127.0.0.1:8080";
     std::string certificate; // file names

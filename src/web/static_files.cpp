@@ -86,7 +86,8 @@ StaticFiles::StaticFiles(const std::string& directory) {
     while (const dirent* entry = readdir(listing.get())) {
         const std::string name = entry->d_name;
         if (const char* type = typeOf(name); type != nullptr && name.front() != '.') {
-            const std::string path = directory + "/" + name;
+            std::string path = directory;
+            path.append("/").append(name);
             StaticFile file{type, contentOf(path), contentOf(path + ".gz"), ""};
             file.tag = '"' + digestOf(file.plain) + '"';
             files_.emplace(name, std::move(file));

@@ -116,11 +116,11 @@ void printLongText(const Options& options, const Style& style, const std::string
     out(options.entryEnd());
 }
 
-using Wanted =
+using Filter =
     std::function<bool(const std::string& name, std::string_view value, const Parameter& known)>;
 
 // Prints those of the matching parameters that are wanted. kDifferent when none is.
-int printKnown(const Options& options, Patterns& patterns, bool detailed, const Wanted& wanted) {
+int printKnown(const Options& options, Patterns& patterns, bool detailed, const Filter& wanted) {
     Bus bus;
     FactoryRows factory;
     int status = openBus(options, bus);
