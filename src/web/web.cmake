@@ -36,6 +36,9 @@ target_link_libraries(kelconf-web PRIVATE kelctl_commands PkgConfig::MICROHTTPD 
 target_include_directories(kelconf-web SYSTEM PRIVATE ${NLOHMANN_JSON_INCLUDE_DIR})
 target_compile_definitions(kelconf-web PRIVATE
   KELCONF_WEB_ROOT="${CMAKE_INSTALL_PREFIX}/${KELCONF_WEB_FILES}")
+# Small, but for what writes long answers.
+target_compile_options(kelconf-web PRIVATE $<$<CONFIG:Release>:-Os>)
+set_source_files_properties(web/api_read.cpp web/exchange.cpp web/json.cpp PROPERTIES COMPILE_OPTIONS $<$<CONFIG:Release>:-O3>)
 set_target_properties(kelconf-web PROPERTIES POSITION_INDEPENDENT_CODE ON)
 install(TARGETS kelconf-web RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
