@@ -145,6 +145,32 @@ void printPass(const char* title, long size, const char* endpoint, std::string_v
                 pass.median);
 }
 
+// How long a SET_ACTION_DIRECT of that many names takes, in ms.
+double storing(BusClient& set, const std::vector<std::string>& names) {
+    constexpr int kTimes = 11;
+    std::vector<double> times;
+    for (int i = 0; i < kTimes; ++i) {
+        const std::string request =
+            setRequest("SET_ACTION_DIRECT", names, "value " + std::to_string(i));
+        const double sent = now();
+        set.ask(request);
+        times.push_back((now() - sent) * 1e3);
+    }
+    return median(times);
+}
+
+void printStorings(long size) {
+    installDatabase(size);
+    const Server daemon{daemonCommand()};
+    const std::vector<std::string> names = parameterNames(size);
+    BusClient set{kSet};
+    const double one = storing(set, {names[1]});
+    for (const std::size_t count : {100UL, 1000UL}) {
+        const double many = storing(set, spread(names, count));
+        std::printf("| %zu | %ld | %.1f | %.1f | %.1f |\n", count, size, many, one, many / one);
+    }
+}
+
 } // namespace
 
 void printPasses() {
@@ -155,6 +181,12 @@ void printPasses() {
     for (const long size : {5'000L, 50'000L}) {
         printPass("GET, 1 name", size, kGet, getRequest({parameterNames(2)[0]}));
         printPass("GET_ALL", size, kGetAll, kGetAllRequest);
+    }
+    std::puts("\nSET_ACTION_DIRECT of many names from all over, beside one name.\n\n"
+              "| names | parameters | ms | one name, ms | over one name |\n"
+              "|---:|---:|---:|---:|---:|");
+    for (const long size : {5'000L, 50'000L}) {
+        printStorings(size);
     }
 }
 
