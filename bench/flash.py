@@ -24,7 +24,7 @@ import recording
 CONF, BACKUP = pathlib.Path("/mnt/nand/conf"), pathlib.Path("/mnt/backup/conf")
 LIVE, COPY = CONF / "conf.db", BACKUP / "conf_backup.db"
 BUILD = pathlib.Path(os.environ["KELCONF_BUILD"])
-RECORDED = dict(os.environ, LD_PRELOAD=str(BUILD / "tests/powercut_recorder.so"))
+RECORDED = dict(os.environ, LD_PRELOAD=str(BUILD / "libexec/powercut_recorder.so"))
 HASTE = 50  # as in the recorder
 HOUR = 3600  # changes
 SHARE = 12  # of the hour is a twelfth taken to the letter, as every five minutes are alike

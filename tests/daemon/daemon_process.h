@@ -128,9 +128,10 @@ class Daemon {
     int status_ = -1;
 };
 
-// The environment that puts the fault library (tests/faults) before its storage, with that setting.
+// The environment that puts the fault library (tools/fault_shim.cpp) before its storage, with that
+// setting.
 inline std::vector<std::string> faults(const std::string& setting) {
-    return {"LD_PRELOAD=" + std::string(std::getenv("KELCONF_BUILD")) + "/tests/fault_shim.so",
+    return {"LD_PRELOAD=" + std::string(std::getenv("KELCONF_BUILD")) + "/libexec/fault_shim.so",
             "ASAN_OPTIONS=verify_asan_link_order=0", "KELCONF_FAULT=" + setting};
 }
 

@@ -1,5 +1,5 @@
 // The life of kelconfd: its ground, a second start, its end and its death. What a start makes of
-// what is left on flash is in tests/live and tests/powercut.
+// what is left on flash is in tests/live and tools/powercut.
 #include "daemon/bus_client.h"
 #include "daemon/daemon_process.h"
 #include "daemon/notify.h"

@@ -1,5 +1,5 @@
 // Runs of kelconf-init under a deadline and, when wanted, with faults injected
-// (fault_shim.cpp), and what they leave below /mnt/nand/conf.
+// (tools/fault_shim.cpp), and what they leave below /mnt/nand/conf.
 #pragma once
 
 #include "support/files.h"
@@ -32,7 +32,7 @@ struct InitRun {
 // Runs kelconf-init to its end, by SIGALRM after 60 s. `environment`: "NAME=VALUE" in addition.
 InitRun runInit(const std::vector<std::string>& environment = {});
 
-// The environment that preloads the shim with this plan (see fault_shim.cpp).
+// The environment that preloads the shim with this plan (see tools/fault_shim.cpp).
 std::vector<std::string> underFault(const std::string& plan = {});
 
 struct StorageCall {

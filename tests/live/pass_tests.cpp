@@ -5,8 +5,8 @@
 #include "bus/service_locks.h"
 #include "daemon/bus_client.h"
 #include "files/md5_sidecar.h"
+#include "interposed.h"
 #include "live_device.h"
-#include "support/interposed.h"
 
 #include <atomic>
 #include <thread>

@@ -16,7 +16,7 @@
 // Kinds: stat, open (for reading), openw (for writing), create (a file that was not there),
 // read, write, truncate, remove, sync, lock, close. For one thread, as kelconf-init is.
 
-#include "support/interposed.h"
+#include "interposed.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

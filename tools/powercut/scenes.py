@@ -58,7 +58,7 @@ class Stage:
         put_image(())
         pathlib.Path(recording.PATH).write_bytes(b"")
         pathlib.Path("/tmp/powercut.control").write_bytes(bytes(CONTROL.size))
-        self.recorded = dict(os.environ, LD_PRELOAD=str(BUILD / "tests/powercut_recorder.so"))
+        self.recorded = dict(os.environ, LD_PRELOAD=str(BUILD / "libexec/powercut_recorder.so"))
         self.service: subprocess.Popen | None = None
         self.sets = 0
 

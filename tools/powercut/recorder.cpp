@@ -3,7 +3,7 @@
 // Flushes are recorded, not made: what they would have brought is what the images are built from.
 // Any number of threads; one operation at a time.
 
-#include "support/interposed.h"
+#include "interposed.h"
 
 #include <fcntl.h>
 #include <pthread.h>

@@ -6,7 +6,6 @@
 #include "live/live.h"
 #include "log/keldebug.h"
 #include "service/param_list.h"
-#include "support/files.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,8 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <fstream>
+#include <string>
 
 // The files lie in memory: nothing is to be flushed, and the host's disks least of all.
 extern "C" void sync() noexcept {}
@@ -37,8 +38,8 @@ std::string log_text;
     for (std::uint32_t i = 0; const ParamElement* element = paramElementAt(i); ++i) {
         values.append(element->name).append(1, '\n').append(element->value).append(1, '\n');
     }
-    test::writeFile("/tmp/powercut.values", values);
-    test::writeFile("/tmp/powercut.log", log_text);
+    std::ofstream("/tmp/powercut.values") << values << std::flush;
+    std::ofstream("/tmp/powercut.log") << log_text << std::flush;
     _exit(0);
 }
 
