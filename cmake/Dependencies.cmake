@@ -9,7 +9,8 @@ pkg_check_modules(LIBMD REQUIRED IMPORTED_TARGET libmd)
 
 find_path(QLIBC_INCLUDE_DIR qlibc/qlibc.h)
 find_library(QLIBC_LIBRARY qlibc)
-if(QLIBC_INCLUDE_DIR AND QLIBC_LIBRARY)
+# Its calls take an off_t, which is of 64 bits here; on a processor of 32 its builds differ in that.
+if(QLIBC_INCLUDE_DIR AND QLIBC_LIBRARY AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(KELCONF_SYSTEM_QLIBC ON)
 else()
   set(KELCONF_SYSTEM_QLIBC OFF)

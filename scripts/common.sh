@@ -15,12 +15,17 @@ fail() {
     exit 1
 }
 
+# packages_of SET: the packages of a set of scripts/packages, on one line.
+packages_of() {
+    sed -n "s/^$1  *//p" "$project/scripts/packages"
+}
+
 # install_packages SET...: installs what is missing of these sets of scripts/packages.
 install_packages() {
     local set name names missing=()
     step "packages: $*"
     for set in "$@"; do
-        read -ra names < <(sed -n "s/^$set  *//p" "$project/scripts/packages")
+        read -ra names < <(packages_of "$set")
         for name in "${names[@]}"; do
             [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" = installed ] ||
                 missing+=("$name")

@@ -2,6 +2,7 @@
 // writing.
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,10 @@
 #include <utility>
 
 namespace kelconf {
+
+// Else a file that was changed after 2038 could not be looked at: stat(2) fails.
+static_assert(sizeof(time_t) >= 8 && sizeof(off_t) >= 8,
+              "define _TIME_BITS=64 and _FILE_OFFSET_BITS=64, as CMakeLists.txt does");
 
 class Fd {
   public:

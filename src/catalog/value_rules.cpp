@@ -56,7 +56,7 @@ std::optional<Range> rangeOf(std::string_view text) {
 
 std::optional<Decimal> stepOf(std::string_view text) {
     const auto step = decimalOf(trimmed(text));
-    return step && *step > 0 ? step : std::nullopt;
+    return step && *step > Decimal{} ? step : std::nullopt;
 }
 
 // Range and step of a text may well mean its length: they are not enforced.
@@ -104,13 +104,13 @@ std::string brokenNumber(const ValueRule& rule, const std::optional<Range>& rang
     if (rule.type == "int" && !isWhole(*number)) {
         return "must be a whole number";
     }
-    const Decimal base = range ? range->low.value_or(0) : 0;
-    if (!step || (*number - base) % *step == 0) {
+    const Decimal base = range ? range->low.value_or(Decimal{}) : Decimal{};
+    if (!step || isMultiple(*number - base, *step)) {
         return {};
     }
     const std::string multiple = "a multiple of " + std::string{trimmed(rule.step)};
-    return base == 0 ? "must be " + multiple
-                     : "must be " + std::string{range->low_text} + " plus " + multiple;
+    return base == Decimal{} ? "must be " + multiple
+                             : "must be " + std::string{range->low_text} + " plus " + multiple;
 }
 
 } // namespace

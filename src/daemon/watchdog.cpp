@@ -63,7 +63,7 @@ bool answered(const Probe& probe) {
 // No answer is under way, so the poll ends with its time, or early with the context.
 bool pause(const Probe& probe, std::chrono::milliseconds time) {
     zmq_pollitem_t idle{probe.socket.get(), 0, ZMQ_POLLIN, 0};
-    return zmq_poll(&idle, 1, time.count()) >= 0;
+    return zmq_poll(&idle, 1, std::chrono::duration<long, std::milli>{time}.count()) >= 0;
 }
 
 } // namespace

@@ -101,7 +101,7 @@ void retire(const char* path) {
     if (file && fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) &&
         info.st_size >= static_cast<off_t>(sizeof(Header))) {
         if (std::byte* base = map(file, sizeof(Header))) {
-            auto& header = *reinterpret_cast<Header*>(base);
+            auto& header = *alignedCast<Header>(base);
             if (header.magic == kMagic) {
                 header.state.store(kDead, std::memory_order_release);
             }
@@ -174,7 +174,7 @@ std::optional<Publisher> Publisher::publish(const char* path, const std::vector<
 
 void Publisher::fill(const std::vector<Item>& items) {
     const Header& header = this->header();
-    auto* slots = reinterpret_cast<std::uint64_t*>(base_ + header.slots_at);
+    auto* slots = alignedCast<std::uint64_t>(base_ + header.slots_at);
     auto name_at = static_cast<std::uint32_t>(header.entries_at + items.size() * sizeof(Entry));
     room_.reserve(items.size());
     secret_.reserve(items.size());
@@ -204,7 +204,7 @@ void Publisher::fill(const std::vector<Item>& items) {
 
 bool Publisher::find(std::string_view name, std::uint32_t& number) const {
     const Header& header = this->header();
-    const auto* slots = reinterpret_cast<const std::uint64_t*>(base_ + header.slots_at);
+    const auto* slots = alignedCast<const std::uint64_t>(base_ + header.slots_at);
     const std::uint64_t hash = hashOf(name);
     for (auto at = static_cast<std::uint32_t>(hash);; ++at) {
         const std::uint64_t slot = slots[at & (header.slot_count - 1)];
@@ -223,7 +223,7 @@ bool Publisher::find(std::string_view name, std::uint32_t& number) const {
 }
 
 void Publisher::write(std::uint32_t at, std::string_view value) {
-    auto* words = reinterpret_cast<Word*>(base_ + at);
+    auto* words = alignedCast<Word>(base_ + at);
     while (!value.empty()) {
         std::uint64_t word = 0;
         const std::size_t part = std::min(value.size(), sizeof(word));

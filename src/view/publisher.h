@@ -1,6 +1,7 @@
 // The writing side of the view (view/layout.h shows the file). One thread at a time.
 #pragma once
 
+#include "base/aligned.h"
 #include "base/fd.h"
 #include "view/layout.h"
 
@@ -55,9 +56,9 @@ class Publisher {
     void write(std::uint32_t at, std::string_view value);
     bool find(std::string_view name, std::uint32_t& number) const;
 
-    [[nodiscard]] Header& header() const { return *reinterpret_cast<Header*>(base_); }
+    [[nodiscard]] Header& header() const { return *alignedCast<Header>(base_); }
     [[nodiscard]] Entry& entry(std::uint32_t number) const {
-        return reinterpret_cast<Entry*>(base_ + header().entries_at)[number];
+        return alignedCast<Entry>(base_ + header().entries_at)[number];
     }
 
     Fd file_; // holds the lock

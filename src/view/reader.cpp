@@ -1,5 +1,6 @@
 #include "view/reader.h"
 
+#include "base/aligned.h"
 #include "base/fd.h"
 #include "view/layout.h"
 
@@ -46,14 +47,14 @@ struct Mapping {
     Mapping& operator=(Mapping&&) = delete;
     ~Mapping() { munmap(const_cast<std::byte*>(base), size); }
 
-    [[nodiscard]] const Header& header() const { return *reinterpret_cast<const Header*>(base); }
+    [[nodiscard]] const Header& header() const { return *alignedCast<const Header>(base); }
     [[nodiscard]] const Entry& entry(std::uint32_t number) const {
-        return reinterpret_cast<const Entry*>(base + header().entries_at)[number];
+        return alignedCast<const Entry>(base + header().entries_at)[number];
     }
     // Of the entry with this number; an empty one when the file says what cannot be.
     [[nodiscard]] std::string_view name(std::uint32_t number) const {
         const Entry& named = entry(number);
-        const std::size_t end = std::size_t{named.name_at} + named.name_length;
+        const std::uint64_t end = std::uint64_t{named.name_at} + named.name_length;
         const auto* text = reinterpret_cast<const char*>(base + named.name_at);
         return end < size && base[end] == std::byte{0} ? std::string_view{text, named.name_length}
                                                        : std::string_view{};
@@ -99,7 +100,7 @@ struct Mapping {
     // False for an unknown name.
     bool find(std::string_view name, std::uint32_t& number) const {
         const Header& head = header();
-        const auto* slots = reinterpret_cast<const std::uint64_t*>(base + head.slots_at);
+        const auto* slots = alignedCast<const std::uint64_t>(base + head.slots_at);
         const std::uint64_t hash = hashOf(name);
         for (std::uint32_t i = 0; i < head.slot_count; ++i) {
             const std::uint64_t slot = slots[(hash + i) & (head.slot_count - 1)];
@@ -140,7 +141,7 @@ Outcome placeOf(const Mapping& mapping, std::uint32_t number, ValuePlace& place)
         wholeWords(length) > mapping.size - at) {
         return Outcome::kBroken;
     }
-    place = {reinterpret_cast<const Word*>(mapping.base + at), length};
+    place = {alignedCast<const Word>(mapping.base + at), length};
     return Outcome::kOk;
 }
 

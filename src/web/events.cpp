@@ -4,6 +4,7 @@
 #include "web/mirror.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 namespace kelconf::web {
@@ -60,7 +61,7 @@ bool Hub::takeNext(Subscriber& subscriber) {
         return true;
     }
     for (; subscriber.next < first_ + ring_.size(); ++subscriber.next) {
-        const Event& event = ring_[subscriber.next - first_];
+        const Event& event = ring_.begin()[static_cast<std::ptrdiff_t>(subscriber.next - first_)];
         if (wants(subscriber, event.name)) {
             subscriber.text = event.text;
             ++subscriber.next;

@@ -1,5 +1,6 @@
 #include "web/exchange.h"
 
+#include "base/aligned.h"
 #include "web/access.h"
 
 #include <arpa/inet.h>
@@ -42,12 +43,12 @@ std::string addressOf(const sockaddr* peer, bool& loopback) {
         return "?";
     }
     if (peer->sa_family == AF_INET) {
-        const auto* ipv4 = reinterpret_cast<const sockaddr_in*>(peer);
+        const auto* ipv4 = alignedCast<const sockaddr_in>(peer);
         loopback = ntohl(ipv4->sin_addr.s_addr) >> 24U == 127;
         inet_ntop(AF_INET, &ipv4->sin_addr, text.data(), text.size());
         return text.data();
     }
-    in6_addr address = reinterpret_cast<const sockaddr_in6*>(peer)->sin6_addr;
+    in6_addr address = alignedCast<const sockaddr_in6>(peer)->sin6_addr;
     loopback = IN6_IS_ADDR_LOOPBACK(&address) ||
                (IN6_IS_ADDR_V4MAPPED(&address) && address.s6_addr[12] == 127);
     if (!loopback && !IN6_IS_ADDR_V4MAPPED(&address)) {

@@ -1,5 +1,6 @@
 // Where the server listens.
 
+#include "base/aligned.h"
 #include "base/fd.h"
 #include "web/options.h"
 
@@ -44,10 +45,10 @@ Addresses resolve(const std::string& text) {
 
 bool isLoopback(const sockaddr* address) {
     if (address->sa_family == AF_INET) {
-        const auto* ipv4 = reinterpret_cast<const sockaddr_in*>(address);
+        const auto* ipv4 = alignedCast<const sockaddr_in>(address);
         return ntohl(ipv4->sin_addr.s_addr) >> 24U == 127;
     }
-    return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
+    return IN6_IS_ADDR_LOOPBACK(&alignedCast<const sockaddr_in6>(address)->sin6_addr);
 }
 
 // With the port that the system has chosen where it was 0.

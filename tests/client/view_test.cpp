@@ -12,7 +12,10 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -200,6 +203,13 @@ TEST(View, NoFileHurtsItsReader) {
         readAll(good.substr(0, size));
     }
     readAll(std::string(good.size(), '\xff'));
+    // A name that ends in the file, at a zero byte, where 32 bits are all there is to count with.
+    const std::array<std::uint32_t, 2> name{0x80000000U, 0x80000000U + 40};
+    std::uint32_t entries = 0;
+    std::memcpy(&entries, good.data() + offsetof(view::Header, entries_at), sizeof entries);
+    std::string wraps = good;
+    std::memcpy(wraps.data() + entries, name.data(), sizeof name);
+    readAll(wraps);
     std::minstd_rand random{1};
     const std::size_t used = 1200; // header, slots, entries, names and values
     for (int round = 0; round < 1000; ++round) {

@@ -13,7 +13,7 @@ namespace {
 using Results = std::vector<std::int32_t>;
 
 std::size_t hugeSize(const void* /*element*/) {
-    return std::numeric_limits<std::size_t>::max() / 4;
+    return std::numeric_limits<std::size_t>::max() - 4096;
 }
 
 std::int32_t isNumber(const void* element, const void* indicator) {
@@ -191,7 +191,7 @@ TEST(SimlistModel, StaysEqualToAVector) {
             const bool adds = contents.empty() || below(100) < inserts;
             const auto last = static_cast<std::uint32_t>(contents.size()) - (adds ? 0 : 1);
             const std::uint32_t at = below(100) < ends ? below(2) * last : below(last + 1);
-            const auto place = contents.begin() + at;
+            const auto place = contents.begin() + static_cast<std::ptrdiff_t>(at);
             std::size_t spares = list.spare_count;
             if (adds) {
                 spares -= spares > 0 ? 1 : 0;
@@ -202,7 +202,7 @@ TEST(SimlistModel, StaysEqualToAVector) {
                        more > 0 || below(2) == 0) {
                 spares += more + 1;
                 ASSERT_EQ(simlist_delete_range(&list, at, at + more), 0);
-                contents.erase(place, place + more + 1);
+                contents.erase(place, place + static_cast<std::ptrdiff_t>(more) + 1);
             } else {
                 spares += 1;
                 ASSERT_EQ(simlist_extract_at(&list, at), *place);

@@ -42,7 +42,8 @@ Waiting::Wake Waiting::await(int descriptor, std::chrono::milliseconds most) con
         time = std::min(time, std::max(end_ - Clock::now(), Clock::duration::zero()));
     }
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    const timespec left{seconds.count(), (time - seconds).count()};
+    const std::chrono::duration<long, std::nano> rest = time - seconds;
+    const timespec left{seconds.count(), rest.count()};
     const int ready = ppoll(wanted.data(), wanted.size(), &left, &mask_);
     if (interrupted != 0) {
         return Wake::kInterrupted;
