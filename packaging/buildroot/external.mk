@@ -1,0 +1,1 @@
+include $(BR2_EXTERNAL_KELCONF_PATH)/kelconf/kelconf.mk
