@@ -25,11 +25,11 @@ namespace {
 
 constexpr std::string_view kLeftOutPrefix = "ipcam.";
 
-constexpr TransactionRecords kRecords = {{kLogInfo, "Can't open database: ", true},
-                                         {kLogInfo, "PRAGMA OFF error", false},
-                                         {kLogInfo, "begin trans error", false},
-                                         {kLogInfo, "end trans error", false},
-                                         true};
+constexpr TransactionRecords kLiveRecords = {{kLogInfo, "Can't open database: ", true},
+                                             {kLogInfo, "PRAGMA OFF error", false},
+                                             {kLogInfo, "begin trans error", false},
+                                             {kLogInfo, "end trans error", false},
+                                             true};
 
 void reportWalk(const TreeWalkResult& walk) {
     if (walk.refused > 0) {
@@ -84,7 +84,7 @@ bool insertItem(sqlite3* database, Statement& insert, const xitem& item) {
     return insertRow(insert.get(), item.name, item.value, item.type);
 }
 
-void insertItems(sqlite3* database) {
+void insertLiveRows(sqlite3* database) {
     Statement insert;
     for (std::uint32_t i = 0; const xitem* item = xitemAt(i); ++i) {
         if (belongsToLiveTable(*item) && !insertItem(database, insert, *item) &&
@@ -125,7 +125,7 @@ void createExtConf() {
 }
 
 void addXItemInDatabase() {
-    if (writeInTransaction(paths::kLiveDb, kRecords, insertItems) == 1) {
+    if (writeInTransaction(paths::kLiveDb, kLiveRecords, insertLiveRows) == 1) {
         keldebug(kLogInfo, kToBoth, "insert finishes\n");
     }
 }

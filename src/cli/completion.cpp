@@ -32,7 +32,7 @@ void offer(std::string_view word, std::string_view help = {}) {
 }
 
 // What stands before the word under the cursor, and that word.
-struct Line {
+struct TypedLine {
     std::string_view group; // first word of a command of two
     const Command* command = nullptr;
     std::vector<OptionHelp> options;
@@ -47,7 +47,7 @@ bool hasFlag(const OptionHelp& option, std::string_view word) {
     return all.find("," + std::string{word} + ",") != std::string::npos;
 }
 
-const OptionHelp* takesArgument(const Line& line, std::string_view word) {
+const OptionHelp* takesArgument(const TypedLine& line, std::string_view word) {
     const auto found =
         std::find_if(line.options.begin(), line.options.end(), [&](const OptionHelp& option) {
             return option.argument != nullptr && hasFlag(option, word);
@@ -55,7 +55,7 @@ const OptionHelp* takesArgument(const Line& line, std::string_view word) {
     return found == line.options.end() ? nullptr : &*found;
 }
 
-void takeCommandWord(Line& line, std::string_view word) {
+void takeCommandWord(TypedLine& line, std::string_view word) {
     const std::string name =
         line.group.empty() ? std::string{word} : std::string{line.group} + " " + std::string{word};
     for (const Command& command : commands()) {
@@ -67,8 +67,8 @@ void takeCommandWord(Line& line, std::string_view word) {
     line.group = word;
 }
 
-Line readLine(std::span<const char* const> words) {
-    Line line;
+TypedLine readLine(std::span<const char* const> words) {
+    TypedLine line;
     line.options = optionsOf(nullptr);
     if (words.empty()) {
         return line;
@@ -184,7 +184,7 @@ int offerArgument(std::string_view before, std::string_view argument, std::strin
     return argument == "FILE" ? kFileNames : kDone;
 }
 
-int offerOptions(const Line& line) {
+int offerOptions(const TypedLine& line) {
     const std::size_t equals = line.current.find('=');
     if (equals != std::string_view::npos) {
         const OptionHelp* option = takesArgument(line, line.current.substr(0, equals));
@@ -202,7 +202,7 @@ int offerOptions(const Line& line) {
     return kDone;
 }
 
-void offerCommands(const Line& line) {
+void offerCommands(const TypedLine& line) {
     std::vector<std::string> offered;
     for (const Command& command : commands()) {
         const std::string_view name = command.name;
@@ -220,10 +220,7 @@ void offerCommands(const Line& line) {
     }
 }
 
-// A name of fewer bytes is no group: it answers only where it is a whole one.
-constexpr std::size_t kGroupBytes = 8;
-
-int offerFor(const Line& line) {
+int offerFor(const TypedLine& line) {
     if (line.open != nullptr) {
         return offerArgument("", line.open->argument, line.current);
     }
@@ -235,6 +232,7 @@ int offerFor(const Line& line) {
         return kDone;
     }
     if (line.command->run == runGroup) {
+        // A name of fewer bytes is no group: it answers only where it is a whole one.
         offerNames("", line.current, "", kGroupBytes);
         return kDone;
     }

@@ -6,7 +6,7 @@ namespace kelconf::cli {
 
 namespace {
 
-constexpr std::array kOptions = {
+constexpr std::array kOptionTable = {
     OptionRow{kValuesOnly, "-n,--values-only", nullptr, &Options::values_only,
               "print the values without the names"},
     OptionRow{kDirect, "--direct", nullptr, &Options::direct,
@@ -50,7 +50,7 @@ constexpr std::array kOptions = {
 } // namespace
 
 std::span<const OptionRow> optionTable() {
-    return kOptions;
+    return kOptionTable;
 }
 
 bool has(const OptionRow& row, const Command* command) {
@@ -62,7 +62,7 @@ std::vector<OptionHelp> optionsOf(const Command* command) {
     if (command == nullptr) {
         options.push_back(kVersion);
     }
-    for (const OptionRow& row : kOptions) {
+    for (const OptionRow& row : kOptionTable) {
         if (has(row, command)) {
             options.push_back({row.flags, row.argument, row.help});
         }

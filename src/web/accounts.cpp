@@ -20,7 +20,7 @@ namespace kelconf::web {
 namespace {
 
 constexpr std::string_view kHeader = "# kelconf-web accounts, format 1\n";
-constexpr std::size_t kMostBytes = 65536;
+constexpr std::size_t kMostOfFile = 65536;
 constexpr std::array<const char*, 4> kRoles{"", "viewer", "operator", "administrator"};
 
 void say(const std::string& path, const char* what) {
@@ -86,7 +86,7 @@ bool readContent(std::string_view content, std::vector<Account>& accounts) {
 
 bool readWhole(int fd, std::string& content) {
     std::array<char, 4096> part{};
-    for (ssize_t got = 0; content.size() <= kMostBytes;) {
+    for (ssize_t got = 0; content.size() <= kMostOfFile;) {
         got = readSome(fd, part.data(), part.size());
         if (got <= 0) {
             return got == 0;
@@ -229,7 +229,7 @@ AccountChange Accounts::edit(Edit edit) {
     for (const Account& account : accounts) {
         content += account.name + ":" + wordOf(account.role) + ":" + account.hash + "\n";
     }
-    if (content.size() > kMostBytes || !replaceFile(path_, held.get(), content)) {
+    if (content.size() > kMostOfFile || !replaceFile(path_, held.get(), content)) {
         return AccountChange::kFailed;
     }
     refresh();

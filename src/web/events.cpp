@@ -12,7 +12,7 @@ namespace kelconf::web {
 namespace {
 
 constexpr std::size_t kMostEvents = 4096;
-constexpr std::size_t kMostBytes = std::size_t{1} << 20;
+constexpr std::size_t kMostEventBytes = std::size_t{1} << 20;
 
 std::shared_ptr<const std::string> shared(std::string text) {
     return std::make_shared<const std::string>(std::move(text));
@@ -100,7 +100,7 @@ void Hub::publish(std::string_view name, std::string text) {
     const std::lock_guard lock{mutex_};
     bytes_ += text.size();
     ring_.push_back({std::string{name}, shared(std::move(text))});
-    while (ring_.size() > kMostEvents || bytes_ > kMostBytes) {
+    while (ring_.size() > kMostEvents || bytes_ > kMostEventBytes) {
         bytes_ -= ring_.front().text->size();
         ring_.pop_front();
         ++first_;

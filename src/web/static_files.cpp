@@ -17,7 +17,7 @@ namespace kelconf::web {
 
 namespace {
 
-constexpr std::size_t kMostBytes = std::size_t{1} << 20; // of one file
+constexpr std::size_t kMostOfPageFile = std::size_t{1} << 20; // of one file
 constexpr const char* kIndex = "index.html";
 
 constexpr std::array<std::array<const char*, 2>, 7> kTypes{
@@ -69,7 +69,7 @@ std::string contentOf(const std::string& path) {
     std::string content;
     const Fd file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
     std::array<char, 16384> part{};
-    for (ssize_t got = 1; file && got > 0 && content.size() < kMostBytes;) {
+    for (ssize_t got = 1; file && got > 0 && content.size() < kMostOfPageFile;) {
         got = readSome(file.get(), part.data(), part.size());
         content.append(part.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
     }

@@ -13,8 +13,6 @@ namespace kelconf::cli {
 
 namespace {
 
-// The bus compares this many bytes of a group's name with those of a parameter.
-constexpr std::size_t kGroupBytes = 8;
 constexpr double kMilliseconds = 1000;
 
 bool keeps_client = false;

@@ -46,6 +46,9 @@ std::vector<const char*> cTexts(const std::vector<std::string>& texts);
 // (filter with startsWith). kDone, or the failure, said.
 int fetchListing(const Bus& bus, std::string_view prefix, Values& values);
 
+// The bus compares this many bytes of a group's name with those of a parameter.
+inline constexpr std::size_t kGroupBytes = 8;
+
 // The members of the groups, by the service's rule of eight bytes. kDone, or the failure, said.
 int fetchGroups(const Bus& bus, const std::vector<std::string>& groups, Values& values);
 

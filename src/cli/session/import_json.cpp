@@ -9,7 +9,7 @@ namespace kelconf::cli {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\n";
+constexpr std::string_view kJsonBlanks = " \t\r\n";
 constexpr std::string_view kDigits = "0123456789";
 constexpr int kDeepest = 100; // levels of nesting, which no setting has
 
@@ -76,7 +76,7 @@ class Scanner {
 
   private:
     void skipBlanks() {
-        rest_.remove_prefix(std::min(rest_.find_first_not_of(kBlanks), rest_.size()));
+        rest_.remove_prefix(std::min(rest_.find_first_not_of(kJsonBlanks), rest_.size()));
     }
     bool word(std::string_view wanted) {
         const bool there = rest_.starts_with(wanted);
@@ -194,7 +194,7 @@ bool parseMembers(Scanner& scanner, ParsedExport& parsed) {
 } // namespace
 
 bool isJson(std::string_view content) {
-    const std::size_t first = content.find_first_not_of(kBlanks);
+    const std::size_t first = content.find_first_not_of(kJsonBlanks);
     return first != std::string_view::npos && content[first] == '{';
 }
 

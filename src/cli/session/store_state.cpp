@@ -101,7 +101,7 @@ std::int64_t countRows(Bytes& content, const char* table) {
                                                    SQLITE_DESERIALIZE_READONLY) != SQLITE_OK) {
         return -1;
     }
-    const Statement count = prepare(opened, std::string{"SELECT count(*) FROM "} + table);
+    const Statement count = kelconf::prepare(opened, std::string{"SELECT count(*) FROM "} + table);
     return count && sqlite3_step(count.get()) == SQLITE_ROW ? sqlite3_column_int64(count.get(), 0)
                                                             : -1;
 }
