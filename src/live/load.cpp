@@ -2,8 +2,10 @@
 
 #include "builders/conf_builders.h"
 #include "db/live_statements.h"
+#include "db/update_retries.h"
 #include "files/backup.h"
 #include "files/storage_fault.h"
+#include "live/judge.h"
 #include "live/owed.h"
 #include "live/password_state.h"
 #include "live/rows.h"
@@ -18,6 +20,8 @@
 namespace kelconf {
 
 namespace {
+
+constexpr int kReadings = 3; // of a file whose reading fails
 
 struct Default {
     std::string value;
@@ -65,17 +69,52 @@ bool loadRows(sqlite3* database) {
     return status == SQLITE_DONE;
 }
 
-void loadDatabaseFile(const char* path) {
+// False when rows may be missing.
+bool loadDatabaseFile(const char* path) {
+    bool whole = false;
     {
         const OpenedDatabase database = openLogged(path);
         if (!database.opened) {
-            return;
+            return false;
         }
-        if (!loadRows(database.handle.get())) {
+        whole = loadRows(database.handle.get());
+        if (!whole) {
             keldebug(kLogInfo, kToBoth, "SQL error: %s\n", database.message());
         }
     }
     sortParamList();
+    return whole;
+}
+
+void dropParameters() {
+    for (std::uint32_t i = 0; const ParamElement* element = paramElementAt(i); ++i) {
+        freeText(element->name);
+        freeText(element->value);
+    }
+    simlist_clear(&ParamList);
+}
+
+// All rows or none: some would be taken for all, and the file be made anew of them.
+bool loadWhole(const char* path) {
+    for (int reading = 1; !loadDatabaseFile(path); ++reading) {
+        dropParameters();
+        if (reading == kReadings || !pauseBeforeRetry()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The file that the source names was judged, but cannot be read any more. It is left alone, as its
+// values may be newer than those of its backup.
+void loadBackupInstead(LiveSource& source) {
+    keldebug(kLogWarning, kToBoth, "live database cannot be read, serving the backup\n");
+    setLiveFile(LiveFile::kUnread);
+    source.origin = LiveOrigin::kLiveCopy;
+    source.path = paths::kBackupDb;
+    if (backupSound()) {
+        loadWhole(source.path);
+    }
 }
 
 // Parameters that stand in no file yet.
@@ -99,7 +138,9 @@ void loadFrom(LiveSource& source) {
     StoredPasswords stored;
     {
         const BackupSection lock;
-        loadDatabaseFile(source.path);
+        if (!loadWhole(source.path) && source.origin == LiveOrigin::kLiveFile) {
+            loadBackupInstead(source);
+        }
         stored = readStoredPasswords(source.path);
         source.hold.reset();
     }

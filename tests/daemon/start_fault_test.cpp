@@ -1,5 +1,6 @@
 // Starts of kelconfd whose storage fails, in a device root with a small flash: every call that
-// changes something killed and failed one by one; a flash that takes nothing; a full one.
+// changes something killed and failed one by one; the last reads, which load the values; a flash
+// that takes nothing; a full one.
 #include "daemon/bus_client.h"
 #include "daemon/daemon_process.h"
 #include "paths.h"
@@ -67,7 +68,8 @@ std::string fault(const char* action, long number, int error) {
     return std::string{action} + " " + std::to_string(number) + " " + std::to_string(error);
 }
 
-// Each call that changes something before the daemon is ready is the last, or fails.
+// Each call that changes something before the daemon is ready is the last, or fails; each of the
+// last reads of the live file fails.
 std::vector<std::string> settings() {
     std::vector<std::string> all;
     std::vector<std::string> environment = faults("fail 0 0");
@@ -77,13 +79,19 @@ std::vector<std::string> settings() {
     const std::set<std::string> kinds{"create", "write", "truncate", "remove", "sync"};
     std::istringstream lines(readFile("/tmp/trace"));
     long number = 0;
+    std::vector<std::string> reads;
     for (std::string kind, rest; lines >> number >> kind && std::getline(lines, rest);) {
         if (kinds.contains(kind)) {
             all.push_back(fault("kill-after", number, 0));
             all.push_back(fault("fail", number, number % 2 == 0 ? ENOSPC : EIO));
         }
+        if (kind == "read" && rest.ends_with("/conf.db")) {
+            reads.push_back(fault("fail", number, EIO));
+        }
     }
     EXPECT_GT(all.size(), 60U);
+    constexpr std::ptrdiff_t kLastReads = 24;
+    all.insert(all.end(), reads.end() - std::min(kLastReads, std::ssize(reads)), reads.end());
     return all;
 }
 
