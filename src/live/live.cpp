@@ -84,6 +84,9 @@ bool tendLiveStore(bool backup_due) {
     }
     createBackupDBTask();
     protectStoredFiles();
+    if (!backupHasSameDigest()) {
+        backup_pending = 1; // a write failed
+    }
     return true;
 }
 

@@ -35,9 +35,10 @@ namespace kelconf {
 // Lets the service store its changes here (service/storage.h). Before its threads start.
 void connectLiveStore();
 
-// One round of upkeep; where a backup is pending and `backup_due`, it is taken. True when it was.
-// Takes the get-all lock where passwords are to be stored anew, the parameter lock and
-// backup_mutex. At next to no cost when there is nothing to do.
+// One round of upkeep; where a backup is pending and `backup_due`, it is taken. True when it was,
+// or was tried: it stays pending where a write failed. Takes the get-all lock where passwords are
+// to be stored anew, the parameter lock and backup_mutex. At next to no cost when there is nothing
+// to do.
 bool tendLiveStore(bool backup_due);
 
 // Logs how many changes are lost with the process. Takes the parameter lock.

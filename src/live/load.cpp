@@ -95,7 +95,7 @@ void dropParameters() {
 }
 
 // All rows or none: some would be taken for all, and the file be made anew of them.
-bool loadWhole(const char* path) {
+bool loadRowsWhole(const char* path) {
     for (int reading = 1; !loadDatabaseFile(path); ++reading) {
         dropParameters();
         if (reading == kReadings || !pauseBeforeRetry()) {
@@ -105,15 +105,26 @@ bool loadWhole(const char* path) {
     return true;
 }
 
+bool loadWhole(const char* path, StoredPasswords& stored) {
+    if (!loadRowsWhole(path)) {
+        return false;
+    }
+    stored = readStoredPasswords(path);
+    if (!stored.whole) {
+        dropParameters();
+    }
+    return stored.whole;
+}
+
 // The file that the source names was judged, but cannot be read any more. It is left alone, as its
 // values may be newer than those of its backup.
-void loadBackupInstead(LiveSource& source) {
+void loadBackupInstead(LiveSource& source, StoredPasswords& stored) {
     keldebug(kLogWarning, kToBoth, "live database cannot be read, serving the backup\n");
     setLiveFile(LiveFile::kUnread);
     source.origin = LiveOrigin::kLiveCopy;
     source.path = paths::kBackupDb;
     if (backupSound()) {
-        loadWhole(source.path);
+        loadWhole(source.path, stored);
     }
 }
 
@@ -138,10 +149,9 @@ void loadFrom(LiveSource& source) {
     StoredPasswords stored;
     {
         const BackupSection lock;
-        if (!loadWhole(source.path) && source.origin == LiveOrigin::kLiveFile) {
-            loadBackupInstead(source);
+        if (!loadWhole(source.path, stored) && source.origin == LiveOrigin::kLiveFile) {
+            loadBackupInstead(source, stored);
         }
-        stored = readStoredPasswords(source.path);
         source.hold.reset();
     }
     // Outside of backup_mutex: the conversion takes the parameter lock, which comes before it.

@@ -1,6 +1,7 @@
 #include "live/password_state.h"
 
 #include "bus/service_locks.h"
+#include "db/update_retries.h"
 #include "files/backup.h"
 #include "live/owed.h"
 #include "live/rows.h"
@@ -31,10 +32,6 @@ constexpr int kConversionAttempts = 10;
 std::int32_t encodeMark(std::int64_t rows, std::uint32_t bits) {
     const auto count = static_cast<std::uint32_t>(std::clamp<std::int64_t>(rows, 0, kMostRows));
     return static_cast<std::int32_t>((count << kRowsShift) | bits);
-}
-
-PasswordMark currentMark() {
-    return passwordMarkOf(readUserVersion(paths::kLiveDb));
 }
 
 void setLiveSwitch(const char* value) {
@@ -122,7 +119,8 @@ void markPasswordState(bool fresh) {
     bool scrambled = false;
     { // a locked file has no mark that could be read, which is not to have none
         const Database hold = holdForReading(paths::kLiveDb);
-        if (!hold || currentMark().present) {
+        const std::int64_t version = readUserVersion(paths::kLiveDb);
+        if (!hold || version == kUnreadNumber || passwordMarkOf(version).present) {
             return;
         }
         const auto value = fresh ? std::nullopt : readLiveValue(kPasswordSwitch);
@@ -131,16 +129,30 @@ void markPasswordState(bool fresh) {
     storeAndSettle({}, scrambled ? scrambledMark : plainMark, kAttempts);
 }
 
-StoredPasswords readStoredPasswords(const char* path) {
-    const PasswordMark mark = passwordMarkOf(readUserVersion(path));
-    StoredPasswords stored{mark, {}};
+namespace {
+
+StoredPasswords readStoredPasswordsOnce(const char* path) {
+    const std::int64_t version = readUserVersion(path);
+    StoredPasswords stored{passwordMarkOf(version), {}, version != kUnreadNumber};
+    const PasswordMark& mark = stored.mark;
     if (mark.present) {
-        visitRows(
+        stored.whole = visitRows(
             path,
             [&](std::string_view name, std::string_view /*value*/, std::string_view /*type*/) {
                 stored.added.emplace_back(name);
             },
             mark.rows);
+    }
+    return stored;
+}
+
+} // namespace
+
+// Taken for a file without a mark, one that cannot be read would have its passwords spoilt.
+StoredPasswords readStoredPasswords(const char* path) {
+    StoredPasswords stored = readStoredPasswordsOnce(path);
+    for (int more = kAttempts - 1; !stored.whole && more > 0 && pauseBeforeRetry(); --more) {
+        stored = readStoredPasswordsOnce(path);
     }
     return stored;
 }

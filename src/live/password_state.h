@@ -42,6 +42,7 @@ void markPasswordState(bool fresh);
 struct StoredPasswords {
     PasswordMark mark{};
     std::vector<std::string> added; // the names of the rows beyond the mark's number
+    bool whole = true;              // else the file could not be read, again and again
 };
 StoredPasswords readStoredPasswords(const char* path);
 

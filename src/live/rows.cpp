@@ -14,7 +14,7 @@ namespace {
 std::int64_t readNumber(sqlite3* database, std::string_view sql) {
     const Statement query = prepare(database, sql);
     return query && sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int64(query.get(), 0)
-                                                            : -1;
+                                                            : kUnreadNumber;
 }
 
 bool writeMark(sqlite3* database, VersionOf version_of) {
@@ -38,7 +38,8 @@ bool commitMarked(sqlite3* database, VersionOf version_of) {
 
 std::int64_t readUserVersion(const char* path) {
     const OpenedDatabase database = openDatabase(path);
-    return database.opened ? readNumber(database.handle.get(), "PRAGMA user_version") : -1;
+    return database.opened ? readNumber(database.handle.get(), "PRAGMA user_version")
+                           : kUnreadNumber;
 }
 
 Database holdForReading(const char* path) {

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,7 +27,8 @@ struct LiveRow {
 };
 
 // The application's number in the header of the file at `path` (PRAGMA user_version); it travels
-// with every copy. -1 when it cannot be read.
+// with every copy. kUnreadNumber when it cannot be read.
+inline constexpr std::int64_t kUnreadNumber = std::numeric_limits<std::int64_t>::min();
 std::int64_t readUserVersion(const char* path);
 
 // The value of a row, or of none. Null also when it cannot be read.

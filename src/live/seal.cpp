@@ -176,6 +176,12 @@ bool sealedAsItStands() {
            checkFileMD5(paths::kLiveDb, paths::kLiveNewMd5);
 }
 
+bool backupHasSameDigest() {
+    const std::string digest = readStart(paths::kLiveDbMd5, MD5_DIGEST_LENGTH);
+    return digest.size() == MD5_DIGEST_LENGTH &&
+           digest == readStart(paths::kBackupDbMd5, MD5_DIGEST_LENGTH);
+}
+
 void trustLiveDatabase() {
     const auto counter = readChangeCounter();
     if (counter && readWitness() != counter) {

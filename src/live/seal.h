@@ -46,6 +46,10 @@ LiveSeal judgeLiveSeal();
 // a replacement was given before it took the name (live/replacement.h). Logs nothing.
 bool sealedAsItStands();
 
+// Whether the sidecars of the live database and of its backup are alike. After a backup, whose
+// sidecar is taken of what was written, that tells a whole copy.
+bool backupHasSameDigest();
+
 // After a verdict, without writing: takes the file as it is for the one that was sealed, and
 // renews a witness that does not speak for it (a power failure may have kept an old one).
 void trustLiveDatabase();
