@@ -11,10 +11,12 @@
 //       short-full   the same, and from then on whatever needs space fails with ERRNO
 //       kill-after   SIGKILL when call NUMBER is done
 //       CLASS limits fail-on: "all", "modify", "space", or a KIND
+//   KELCONF_FAULT_UNTIL  a path: once there is such a file, nothing fails any more
 //   KELCONF_FAULT_STUCK  a path: whatever would change this file fails with EROFS
 //
 // Kinds: stat, open (for reading), openw (for writing), create (a file that was not there),
-// read, write, truncate, remove, sync, lock, close. For one thread, as kelconf-init is.
+// read, write, truncate, remove, mode, sync, lock, close. Of any number of threads, one call at a
+// time; what another preloaded library calls below one of them is part of it.
 
 #include "interposed.h"
 
@@ -29,6 +31,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -41,6 +44,7 @@ struct Plan {
     int error = 0;
     char call_class[16] = "all";
     const char* stuck = std::getenv("KELCONF_FAULT_STUCK");
+    const char* until = std::getenv("KELCONF_FAULT_UNTIL");
     int trace = -1;
 };
 
@@ -101,7 +105,9 @@ int errorFor(long number, std::string_view kind, std::string_view path) {
         (action == "fail" && number == plan().number) ||
         (action == "fail-on" && number >= plan().number && inClass(kind, plan().call_class)) ||
         (action == "short-full" && number > plan().number && needsSpace(kind));
-    return failing ? plan().error : 0;
+    const bool over = failing && plan().until != nullptr &&
+                      syscall(SYS_faccessat, AT_FDCWD, plan().until, F_OK) == 0;
+    return failing && !over ? plan().error : 0;
 }
 
 // Its number.
@@ -116,14 +122,28 @@ long count(const char* kind, std::string_view path) {
     return number;
 }
 
+// At its end the thread is outside of a call again.
+struct Outside {
+    bool& inside;
+    explicit Outside(bool& flag) : inside(flag) {}
+    Outside(const Outside&) = delete;
+    Outside& operator=(const Outside&) = delete;
+    ~Outside() { inside = false; }
+};
+
 // Passes a call whose path is empty through; does to any other what is planned. `real` is given
 // the bytes to transfer, of a read or a write.
 template <typename Real>
 auto guard(const char* kind, std::string_view path, Real real, std::size_t size = 0)
     -> decltype(real(size)) {
-    if (path.empty()) {
+    static std::mutex mutex;
+    static thread_local bool inside = false;
+    if (path.empty() || inside) {
         return real(size);
     }
+    const std::lock_guard lock{mutex};
+    inside = true;
+    const Outside outside{inside};
     const long number = count(kind, path);
     if (const int error = errorFor(number, kind, path); error != 0) {
         errno = error;
@@ -213,6 +233,8 @@ ON_FILE(ftruncate, "truncate", (int fd, off_t length), fd, length)
 int ftruncate64(int fd, off64_t length) noexcept SAME_AS("ftruncate");
 ON_PATH(unlink, "remove", (const char* path), path)
 ON_PATH(rename, "remove", (const char* from, const char* path), from, path)
+ON_PATH(link, "create", (const char* from, const char* path), from, path)
+ON_PATH(chmod, "mode", (const char* path, mode_t mode), path, mode)
 ON_PATH(access, "stat", (const char* path, int mode), path, mode)
 ON_PATH(stat, "stat", (const char* path, struct stat* info), path, info)
 int stat64(const char* path, struct stat64* info) noexcept SAME_AS("stat");

@@ -38,7 +38,8 @@ Words = tuple[str, ...]  # of a scene, about its tree
 def tree_of(words: Words) -> Values:
     tree = {"short": "factory", "long": "factory", "user_password": "factory", "admin_passwd": "root",
             "encrypt_campass": "0" if "plain" in words else "1"}
-    tree |= {f"v{i}": ("factory" if i % 5 else "f" * 700) + str(i) for i in range(10, 60)}
+    last = 14 if "small" in words else 4000 if "large" in words else 60
+    tree |= {f"v{i}": ("factory" if i % 5 else "f" * 700) + str(i) for i in range(10, last)}
     if "new" in words:
         tree |= {"fresh": "factory", "fresh_password": "factory", "more": "m" * 2000}
     if "ext" in words:
@@ -63,8 +64,8 @@ def stored_files() -> dict[str, bytes]:
 
 
 def put_image(image: Image) -> None:
-    for path in stored_files():
-        os.unlink(path)
+    for path in [*CONF.iterdir(), *BACKUP.iterdir()]:
+        path.unlink()
     for path, size, blocks in image:
         pathlib.Path(path).write_bytes(file_bytes(size, blocks))
 
@@ -139,13 +140,31 @@ class Promises:
         return found
 
 
-class Judge:
+class Starter:
+    """Starts the live store on the files that are there (starter.cpp)."""
+
     def __init__(self) -> None:
-        self.starter = subprocess.Popen([BUILD / "libexec/powercut-starter"], stdin=subprocess.PIPE,
+        self.process = subprocess.Popen([BUILD / "libexec/powercut-starter"], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE)
 
     def close(self) -> None:
-        self.starter.communicate()
+        self.process.communicate()
+
+    def start(self) -> tuple[int, Values, str]:
+        """The wait status, and when that is 0 what would be served and what was logged."""
+        self.process.stdin.write(b"s")
+        self.process.stdin.flush()
+        status = int(self.process.stdout.readline())
+        if status != 0:
+            return status, {}, ""
+        lines = pathlib.Path("/tmp/powercut.values").read_text(errors="replace").split("\n")
+        log = pathlib.Path("/tmp/powercut.log").read_text(errors="replace")
+        return 0, dict(zip(lines[::2], lines[1::2])), log
+
+
+class Judge:
+    def __init__(self) -> None:
+        self.starter = Starter()
 
     def failures(self, image: Image, promises: Promises, factory: bool) -> dict[str, str]:
         """`factory`: the image holds the factory database alone."""
@@ -164,9 +183,7 @@ class Judge:
         """What the service serves on these files, what it logs, and the files after that."""
         write_tree(words)
         put_image(image)
-        self.starter.stdin.write(b"s")
-        self.starter.stdin.flush()
-        status = int(self.starter.stdout.readline())
+        status, served, log = self.starter.start()
         if status != 0:
             return None, "", image, {"start": f"wait status {status}"}
         wrong = {} if sealed(LIVE) else {"sidecar": "of the live file"}
@@ -175,9 +192,7 @@ class Judge:
                 rows(BACKUP_DB, "CONFIG")
         except sqlite3.Error as error:
             wrong["backup"] = str(error)
-        lines = pathlib.Path("/tmp/powercut.values").read_text().split("\n")
-        log = pathlib.Path("/tmp/powercut.log").read_text()
-        return dict(zip(lines[::2], lines[1::2])), log, image_of(stored_files()), wrong
+        return served, log, image_of(stored_files()), wrong
 
     @functools.cache
     def _wrong_factory(self, image: Image, trees: tuple[Words, ...]) -> dict[str, str]:

@@ -59,7 +59,7 @@ def judge(options: argparse.Namespace, scene: str, records: list[Record]) -> boo
                         put_image(image)
                         shutil.copytree("/mnt", pathlib.Path("/tmp/kept", scene, kind))
                 failed[kind].add(image)
-    judge.close()
+    judge.starter.close()
     print(f"{scene:28} {len(judged):7} of {ways:7}", *(
         f" {kind} {len(which)}" for kind, which in failed.items()), flush=True)
     return not failed

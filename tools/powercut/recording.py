@@ -41,8 +41,12 @@ def append(operation: str, path: str = "", number: int = 0, data: bytes = b"") -
         trace.write(head + path.encode() + data)
 
 
+def packed(data: Any) -> bytes:
+    return json.dumps(data).encode()
+
+
 def mark(operation: str, data: Any = None, number: int = 0) -> None:
-    append(operation, "", number, json.dumps(data).encode())
+    append(operation, "", number, packed(data))
 
 
 def read() -> list[Record]:
