@@ -3,6 +3,7 @@
 #include "db/sqlite_handle.h"
 #include "files/md5_sidecar.h"
 #include "live/files.h"
+#include "live/journal.h"
 #include "live/seal.h"
 #include "log/keldebug.h"
 #include "paths.h"
@@ -24,8 +25,18 @@ Reading failedReading(sqlite3* database) {
     }
 }
 
-void dropLeftoverJournal() {
-    if (sealedAsItStands()) {
+// Before SQLite is let at the file. What a transaction was cut short in was sealed, and is once
+// more when it has been rolled back: from then on a counter that is ahead explains nothing, and a
+// start that is killed meanwhile must know that as well.
+void settleLeftoverJournal() {
+    const LiveJournal journal = sealedAsItStands() ? LiveJournal::kNone : lookAtLiveJournal();
+    if (journal != LiveJournal::kNone) {
+        removeFile(paths::kLiveDbSeal);
+    }
+    if (journal == LiveJournal::kImplausible) {
+        keldebug(kLogError, kToBoth, "journal of the live database damaged, not rolled back\n");
+    }
+    if (journal != LiveJournal::kUnfinished) {
         removeFile(paths::kLiveDbJournal);
     }
 }
@@ -72,7 +83,10 @@ LiveVerdict judgeLiveDatabase() {
         if (!alone) {
             return LiveVerdict::kUnreadable;
         }
-        dropLeftoverJournal();
+        settleLeftoverJournal();
+        if (lookAtLiveJournal() == LiveJournal::kImplausible) {
+            return LiveVerdict::kDamaged; // and cannot be removed
+        }
     }
     const Reading reading = readInFull(paths::kLiveDb);
     if (filePresent(paths::kLiveDbJournal) && reading != Reading::kComplete) {

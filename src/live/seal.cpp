@@ -3,6 +3,7 @@
 #include "base/fd.h"
 #include "files/md5_sidecar.h"
 #include "live/files.h"
+#include "live/journal.h"
 #include "live/judge.h"
 #include "log/keldebug.h"
 #include "paths.h"
@@ -124,14 +125,14 @@ std::optional<Look> sealed_look; // guarded by backup_mutex
 
 // A commit that failed half-way has left a journal: SQLite undoes it on the next read.
 bool journalSettled() {
-    if (!filePresent(paths::kLiveDbJournal)) {
+    if (lookAtLiveJournal() == LiveJournal::kNone) {
         return true;
     }
     if (const LiveLock lock; !lock) {
         return false; // of another process, which is at it
     }
     readInFull(paths::kLiveDb);
-    if (!filePresent(paths::kLiveDbJournal)) {
+    if (lookAtLiveJournal() == LiveJournal::kNone) {
         return true;
     }
     keldebug(kLogError, kToBoth, "unfinished journal, live database not sealed\n");

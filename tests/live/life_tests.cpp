@@ -81,8 +81,10 @@ TEST_F(Life, AStartKeepsTheBestOfWhatIsThere) {
                       fresh_md5 = paths::kLiveNewMd5, backup = paths::kBackupDb,
                       backup_md5 = paths::kBackupDbMd5, gone = "(gone)";
     ASSERT_TRUE(torn.contains(journal) && torn[db] != good[db]);
-    std::string damaged = good[db];
+    std::string damaged = good[db], unknown = torn[journal], enormous = torn[journal];
     damaged[5000] ^= 1;
+    unknown[0] ^= 1;
+    enormous[18] ^= 0x20; // 8,192 pages more that the file had, says its header
     const auto expect = [&](const char* value, const char* said, const char* name,
                             const Flash& changed) {
         SCOPED_TRACE(name);
@@ -112,6 +114,16 @@ TEST_F(Life, AStartKeepsTheBestOfWhatIsThere) {
            {{md5, older[md5]}, {seal, older[seal]}});
     expect("backed-up", "taken from the backup", "a witness of another seal explains nothing",
            {{seal, older[seal]}, {db, swapped(good[db], "newer", "N")}});
+    expect("backed-up", "taken from the backup",
+           "the file is ahead beside a journal that SQLite passes over",
+           {{md5, older[md5]}, {seal, older[seal]}, {journal, unknown}, {db, good[db]}});
+    expect("newer", "recovered from an interrupted write", "another program empties its journals",
+           {{md5, older[md5]}, {seal, older[seal]}, {journal, ""}});
+    expect("newer", "recovered from an interrupted write", "another program blanks its journals",
+           {{md5, older[md5]}, {seal, older[seal]}, {journal, std::string(512, '\0')}});
+    expect("backed-up", "damaged, not rolled back", "a journal would make the file enormous",
+           {{db, torn[db]}, {journal, enormous}});
+    EXPECT_LE(readFile(paths::kLiveEvidence).size(), torn[db].size());
     expect("newer", "database sound", "the replacement has the name, not yet the sidecar",
            {{fresh_md5, good[md5]}, {md5, older[md5]}, {seal, ""}});
     expect("newer", "database sound", "a replacement is not needed",
