@@ -101,14 +101,22 @@ std::string directoryOf(const std::string& path) {
     return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// A file that root makes at a shell is for the owner of its directory, who serves.
+bool giveToOwnerOf(int directory, int file) {
+    struct stat about {};
+    return geteuid() != 0 ||
+           (fstat(directory, &about) == 0 && fchown(file, about.st_uid, about.st_gid) == 0);
+}
+
 // The old file or the new one is there whole, whenever the power fails.
 bool replaceFile(const std::string& path, int directory, const std::string& content) {
     const std::string fresh = path + ".new";
     unlink(fresh.c_str());
     Fd file{open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600)};
     const bool written = file && writeAll(file.get(), content.data(), content.size()) &&
-                         fsync(file.get()) == 0 && file.close() == 0 &&
-                         rename(fresh.c_str(), path.c_str()) == 0 && fsync(directory) == 0;
+                         giveToOwnerOf(directory, file.get()) && fsync(file.get()) == 0 &&
+                         file.close() == 0 && rename(fresh.c_str(), path.c_str()) == 0 &&
+                         fsync(directory) == 0;
     if (!written) {
         say(path, "cannot be written");
     }
