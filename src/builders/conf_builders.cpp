@@ -94,6 +94,13 @@ void insertLiveRows(sqlite3* database) {
     }
 }
 
+void compactLiveDatabase(bool (*settle)()) {
+    malloc_trim(0);
+    if (settle == nullptr || settle()) {
+        shrinkDB(paths::kLiveDb);
+    }
+}
+
 } // namespace
 
 int createDefaultConf() {
@@ -109,18 +116,16 @@ void createDefaultExtConf() {
     }
 }
 
-void createConf() {
+void createConf(bool (*settle)()) {
     if (!buildFrom(paths::kNeutralTree, addXItemInDatabase)) {
         std::exit(EXIT_SUCCESS);
     }
-    malloc_trim(0);
-    shrinkDB(paths::kLiveDb);
+    compactLiveDatabase(settle);
 }
 
-void createExtConf() {
+void createExtConf(bool (*settle)()) {
     if (buildFrom(paths::kExtTree, addXItemInDatabase)) {
-        malloc_trim(0);
-        shrinkDB(paths::kLiveDb);
+        compactLiveDatabase(settle);
     }
 }
 

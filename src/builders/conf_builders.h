@@ -21,8 +21,9 @@ int createDefaultConf();
 void createDefaultExtConf();
 
 // Into CONFIG of the live database, through addXItemInDatabase; the file is compacted after.
-void createConf();
-void createExtConf();
+// `settle` comes before that, which is a transaction of its own; false from it leaves that out.
+void createConf(bool (*settle)() = nullptr);
+void createExtConf(bool (*settle)() = nullptr);
 
 // Adds the items of xitem_list to CONFIG, in one transaction. Names beginning with "ipcam."
 // (in any letter case) are left out; names that the table holds keep their rows.

@@ -43,15 +43,13 @@ bool namesAreMissing() {
     return missing;
 }
 
-// The compaction at the end of a builder flushes its journal before it is complete on disk (at
-// SQLite's default of full synchronisation), so that it may follow on the insertion without a seal.
 void addNames() {
     initXitemList();
-    createConf();
+    createConf(settleLiveDatabase);
     settleIfWritten();
     if (extTreeFileExist()) {
         initXitemList();
-        createExtConf();
+        createExtConf(settleLiveDatabase);
         settleIfWritten();
     }
 }

@@ -153,6 +153,31 @@ TEST_F(Life, AStartSealsAllThatItChanges) {
     EXPECT_EQ(stored("private.b_passwd"), scrambledForm("2"));
 }
 
+std::string begun; // transactions of the live file: first letter, and whether the file was sealed
+
+int noteBegin(unsigned /*kind*/, void* database, void* /*statement*/, void* text) {
+    const std::string words = static_cast<const char*>(text);
+    const char* path = sqlite3_db_filename(static_cast<sqlite3*>(database), "main");
+    if (path == std::string{paths::kLiveDb} &&
+        (words == "BEGIN TRANSACTION" || words == "VACUUM")) {
+        begun += words.substr(0, 1) + (sealedAsItStands() ? '+' : '-');
+    }
+    return 0;
+}
+
+int traceOpened(sqlite3* database, char** /*error*/, const sqlite3_api_routines* /*api*/) {
+    return sqlite3_trace_v2(database, SQLITE_TRACE_STMT, noteBegin, database);
+}
+
+// A commit that was not sealed and a transaction that is cut short, together, look like damage.
+TEST_F(Life, EveryTransactionOfAStartFindsTheFileSealed) {
+    writeTree(leaf("word", "default") + fillers(210));
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(traceOpened));
+    start();
+    sqlite3_reset_auto_extension();
+    EXPECT_EQ(begun, "B+V+");
+}
+
 // Taken for one without a mark, plain passwords would be served as if they were scrambled.
 TEST_F(Life, AFileThatCannotBeReadForAMomentHasItsMark) {
     std::filesystem::rename(paths::kLiveDb, "/mnt/nand/conf/away");
