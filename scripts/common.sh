@@ -70,12 +70,14 @@ as_root() {
     fi
 }
 
-# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET; only $build_target where set.
+# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET; only the targets that $build_target
+# names, where it is set.
 build() {
-    local preset=$1
+    local preset=$1 targets
+    read -ra targets <<<"${build_target:-all}"
     shift
     step "build: $preset"
     (cd "$project" && cmake --preset "$preset" "$@" &&
-        cmake --build --preset "$preset" --target "${build_target:-all}") ||
+        cmake --build --preset "$preset" --target "${targets[@]}") ||
         fail "the build of $preset failed; the reason stands above"
 }
