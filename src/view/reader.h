@@ -3,10 +3,9 @@
 // Any number of threads may use one reader, and a child of fork may go on with its parent's. A read
 // makes no system call, but for one in some 20 ms that asks whether the service lives. The service
 // is found again by itself after a restart.
-//
-// The file is not trusted: each offset and length is held against its size. It must not be made
-// shorter while it is mapped; only the service's own user and root could.
 #pragma once
+
+#include "view/mapping.h"
 
 #include <sys/types.h>
 
@@ -21,18 +20,6 @@
 
 namespace kelconf::view {
 
-enum class Outcome {
-    kOk,
-    kNoService, // also: it publishes no view
-    kUnknown,
-    kTooSmall,
-    kNotInView,
-    kBusy,    // the service stands still in the middle of a change
-    kRefused, // the file is not open to this user
-    kBroken,  // a file of another version, or damaged
-    kNoMemory
-};
-
 // A value among the texts of getMany, ended by a zero byte.
 struct Place {
     std::size_t at = 0;
@@ -41,8 +28,6 @@ struct Place {
 
 // Told of a name and its value; null where it is not in the view. False ends the visit.
 using Visitor = std::function<bool(const char* name, const char* value, std::size_t length)>;
-
-struct Mapping;
 
 class Reader {
   public:
